@@ -1,0 +1,309 @@
+#include "param/gps_parameters.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "platform/fs.h"
+#include "platform/os.h"
+
+gps_parameters_t gps_parameters;
+
+namespace {
+
+void ParametersPath(char (&path)[64]) { std::snprintf(path, sizeof path, "/%s/%s", GPS_PARAMETERS_DISK, GPS_PARAMETERS_FILE); }
+
+// Copies a caller's text into a 128-byte setting: at most 127 characters.
+void CopySetting(char (&field)[GPS_PARAMETER_TEXT_BYTES], const char* text) {
+  std::strncpy(field, text, GPS_PARAMETER_TEXT_BYTES - 1);
+  field[GPS_PARAMETER_TEXT_BYTES - 1] = '\0';
+}
+
+void CopyLastData(char* to, const char* from) {
+  if (to && from) std::memcpy(to, from, GPS_LAST_DATA_TEXT_BYTES);
+}
+
+// Log arguments: a 16-byte last-data field need not be terminated if it was
+// copied whole from a caller, so it is printed with a bound.
+constexpr int kLast = GPS_LAST_DATA_TEXT_BYTES;
+
+int SetPolicy(int32_t& field, int32_t value) {
+  if (field != value) {
+    field = value;
+    lib_GPS_param_SaveParameters();
+  }
+  return 0;
+}
+
+}  // namespace
+
+void lib_GPS_param_BuildDefaultParameters(gps_parameters_t* params) {
+  std::memset(params, 0, sizeof *params);
+  params->gprs_parameter_policy = 1;
+  CopySetting(params->gprs_apn, GPS_DEFAULT_GPRS_APN);
+  CopySetting(params->online_server_address, GPS_DEFAULT_ONLINE_SERVER);
+  CopySetting(params->online_server_username, GPS_DEFAULT_ONLINE_USERNAME);
+  CopySetting(params->online_server_password, GPS_DEFAULT_ONLINE_PASSWORD);
+  params->online_server_port = GPS_DEFAULT_ONLINE_PORT;
+  CopySetting(params->offline_server_address, GPS_DEFAULT_OFFLINE_SERVER);
+  CopySetting(params->offline_server_file, GPS_DEFAULT_OFFLINE_FILE);
+  params->offline_server_port = GPS_DEFAULT_OFFLINE_PORT;
+  params->requestedFixUpdatePeriodInms = GPS_DEFAULT_FIX_UPDATE_PERIOD_MS;
+}
+
+int lib_GPS_param_CreateParametersFileIfNecessary(void) {
+  FILE_FS_DiskDescriptor descriptor{};
+  std::strncpy(descriptor.name, GPS_PARAMETERS_DISK, sizeof descriptor.name);
+  descriptor.blockSize = 4096;
+  descriptor.accessMode = 4;
+  descriptor.maxOpenFiles = 1;
+  descriptor.area = 0;
+  const uint32_t sizeInBlocks = 8192;
+  const int created = FILE_FS_dskcreate(&descriptor, &sizeInBlocks);
+  if (created == FILE_FS_DISK_CREATED) {
+    Sys_log(7, "lib_GPS_param_CreateParametersFileIfNecessary: disk created.");
+    char path[64];
+    ParametersPath(path);
+    FILE_FS_HANDLE file = FILE_FS_open(path, "w+");
+    if (!file) {
+      Sys_log(3, "lib_GPS_param_CreateParametersFileIfNecessary: file creation failed.");
+      return -1;
+    }
+    gps_parameters_t defaults;
+    lib_GPS_param_BuildDefaultParameters(&defaults);
+    FILE_FS_seek(file, 0, FILE_FS_SEEK_SET);
+    FILE_FS_write(&defaults, 1, sizeof defaults, file);
+    FILE_FS_sync(file);
+    FILE_FS_close(file);
+    return 0;
+  }
+  if (created == FILE_FS_DISK_EXISTS) {
+    char disk[32];
+    std::snprintf(disk, sizeof disk, "/%s", GPS_PARAMETERS_DISK);
+    const uint32_t mode = 4;
+    const int mounted = FILE_FS_mount(disk, &mode);
+    if (mounted == 0 || mounted == 7) {
+      Sys_log(3, "lib_GPS_param_CreateParametersFileIfNecessary: disk mount failed. error = %i.", mounted);
+      return -2;
+    }
+    return 0;
+  }
+  Sys_log(3, "lib_GPS_param_CreateParametersFileIfNecessary: disk creation failed. diskCreationResult = %i.", created);
+  return -3;
+}
+
+FILE_FS_File* lib_GPS_param_OpenParametersFile(void) {
+  Sys_log(7, "lib_GPS_param_OpenParametersFile.");
+  char path[64];
+  ParametersPath(path);
+  FILE_FS_HANDLE file = FILE_FS_open(path, "r+");
+  if (!file) Sys_log(7, "lib_GPS_param_OpenParametersFile: parameter file does not exist.");
+  return file;
+}
+
+int lib_GPS_param_ReadParametersFile(gps_parameters_t* destination) {
+  Sys_log(7, "lib_GPS_param_ReadParametersFile.");
+  FILE_FS_HANDLE file = lib_GPS_param_OpenParametersFile();
+  if (!file) {
+    Sys_log(7, "lib_GPS_param_ReadParametersFile: cannot open parameters file.");
+    return -1;
+  }
+  FILE_FS_seek(file, 0, FILE_FS_SEEK_SET);
+  // A shorter file (another version, a truncated copy) leaves the tail of the
+  // record as it was: the read is taken as it comes.
+  FILE_FS_read(destination, 1, sizeof *destination, file);
+  FILE_FS_close(file);
+  lib_GPS_param_LogParameters(destination);
+  return 0;
+}
+
+int lib_GPS_param_UpdateParametersFile(const gps_parameters_t* source) {
+  Sys_log(7, "lib_GPS_param_UpdateParametersFile.");
+  lib_GPS_param_LogParameters(source);
+  FILE_FS_HANDLE file = lib_GPS_param_OpenParametersFile();
+  if (!file) {
+    Sys_log(7, "lib_GPS_param_UpdateParametersFile: parameter file does not exist.");
+    return -2;
+  }
+  int result = 0;
+  FILE_FS_seek(file, 0, FILE_FS_SEEK_SET);
+  if (FILE_FS_write(source, 1, sizeof *source, file) < sizeof *source) {
+    Sys_log(7, "lib_GPS_param_UpdateParametersFile: write error.");
+    result = -1;
+  }
+  if (FILE_FS_sync(file) != 0) result = -1;
+  if (FILE_FS_close(file) != 0) result = -1;
+  return result;
+}
+
+int lib_GPS_param_SaveParameters(void) { return lib_GPS_param_UpdateParametersFile(&gps_parameters); }
+
+int lib_GPS_param_RestorePersistentStorage(void) {
+  Sys_log(7, "lib_GPS_param_RestorePersistentStorage.");
+  lib_GPS_param_CreateParametersFileIfNecessary();
+  return lib_GPS_param_ReadParametersFile(&gps_parameters);
+}
+
+void lib_GPS_param_LogParameters(const gps_parameters_t* p) {
+  if (!Sys_log_IsEnabled(7)) return;
+  // Texts are printed with their field width as bound: a file from elsewhere
+  // may hold unterminated fields.
+  Sys_log(7, "lib_GPS_param_LogParameters.");
+  Sys_log(7, "******** GPS parameters ********");
+  Sys_log(7, "power_mode_policy: %i.", p->power_mode_policy);
+  Sys_log(7, "standby_policy: %i.", p->standby_policy);
+  Sys_log(7, "assistance_policy: %i.", p->assistance_policy);
+  Sys_log(7, "connection_policy: %i.", p->connection_policy);
+  Sys_log(7, "gprs_parameter_policy: %i.", p->gprs_parameter_policy);
+  Sys_log(7, "gprs_apn: %.128s.", p->gprs_apn);
+  Sys_log(7, "gprs_login: %.128s.", p->gprs_login);
+  Sys_log(7, "gprs_password: %.128s.", p->gprs_password);
+  Sys_log(7, "online_server_address: %.128s.", p->online_server_address);
+  Sys_log(7, "online_server_username: %.128s.", p->online_server_username);
+  Sys_log(7, "online_server_password: %.128s.", p->online_server_password);
+  Sys_log(7, "online_server_port: %i.", p->online_server_port);
+  Sys_log(7, "offline_server_address: %.128s.", p->offline_server_address);
+  Sys_log(7, "offline_server_file: %.128s.", p->offline_server_file);
+  Sys_log(7, "offline_server_port: %i.", p->offline_server_port);
+  Sys_log(7, "requestedFixUpdatePeriodInms: %i.", p->requestedFixUpdatePeriodInms);
+  Sys_log(7, "date: %.*s.", kLast, p->date);
+  Sys_log(7, "time: %.*s.", kLast, p->time);
+  Sys_log(7, "latitude: %.*s.", kLast, p->latitude);
+  Sys_log(7, "longitude: %.*s.", kLast, p->longitude);
+  Sys_log(7, "hdop: %.*s.", kLast, p->hdop);
+  Sys_log(7, "altitude: %.*s.", kLast, p->altitude);
+  Sys_log(7, "courseTrue: %.*s.", kLast, p->courseTrue);
+  Sys_log(7, "courseMagnetic: %.*s.", kLast, p->courseMagnetic);
+  Sys_log(7, "speedKnots: %.*s.", kLast, p->speedKnots);
+  Sys_log(7, "speedKmh: %.*s.", kLast, p->speedKmh);
+  Sys_log(7, "********************************");
+}
+
+int lib_GPS_param_RecordLastFixData(const char* date, const char* time, const char* latitude, const char* longitude,
+                                    const char* hdop, const char* altitude) {
+  CopyLastData(gps_parameters.date, date);
+  CopyLastData(gps_parameters.time, time);
+  CopyLastData(gps_parameters.latitude, latitude);
+  CopyLastData(gps_parameters.longitude, longitude);
+  CopyLastData(gps_parameters.hdop, hdop);
+  CopyLastData(gps_parameters.altitude, altitude);
+  Sys_log(7,
+          "lib_GPS_param_RecordLastFixData: date = %.*s, time = %.*s, latitude = %.*s, longitude = %.*s, hdop = %.*s, "
+          "altitude = %.*s.",
+          kLast, gps_parameters.date, kLast, gps_parameters.time, kLast, gps_parameters.latitude, kLast,
+          gps_parameters.longitude, kLast, gps_parameters.hdop, kLast, gps_parameters.altitude);
+  return 0;
+}
+
+int lib_GPS_param_StoreLastFixData(void) {
+  Sys_log(7, "lib_GPS_param_StoreLastFixData.");
+  lib_GPS_param_SaveParameters();
+  return 0;
+}
+
+int lib_GPS_param_RetrieveLastFixData(char* date, char* time, char* latitude, char* longitude, char* hdop,
+                                      char* altitude) {
+  Sys_log(7, "lib_GPS_param_RetrieveLastFixData.");
+  CopyLastData(date, gps_parameters.date);
+  CopyLastData(time, gps_parameters.time);
+  CopyLastData(latitude, gps_parameters.latitude);
+  CopyLastData(longitude, gps_parameters.longitude);
+  CopyLastData(hdop, gps_parameters.hdop);
+  CopyLastData(altitude, gps_parameters.altitude);
+  return 0;
+}
+
+int lib_GPS_param_RecordLastCourseAndSpeedData(const char* courseTrue, const char* courseMagnetic,
+                                               const char* speedKnots, const char* speedKmh) {
+  CopyLastData(gps_parameters.courseTrue, courseTrue);
+  CopyLastData(gps_parameters.courseMagnetic, courseMagnetic);
+  CopyLastData(gps_parameters.speedKnots, speedKnots);
+  CopyLastData(gps_parameters.speedKmh, speedKmh);
+  Sys_log(7,
+          "lib_GPS_param_RecordLastCourseAndSpeedData: courseTrue = %.*s, courseMagnetic = %.*s, speedKnots = %.*s, "
+          "speedKmh = %.*s.",
+          kLast, gps_parameters.courseTrue, kLast, gps_parameters.courseMagnetic, kLast, gps_parameters.speedKnots,
+          kLast, gps_parameters.speedKmh);
+  return 0;
+}
+
+int lib_GPS_param_StoreLastCourseAndSpeedData(void) {
+  Sys_log(7, "lib_GPS_param_StoreLastCourseAndSpeedData.");
+  lib_GPS_param_SaveParameters();
+  return 0;
+}
+
+int lib_GPS_param_RetrieveLastCourseAndSpeedData(char* courseTrue, char* courseMagnetic, char* speedKnots,
+                                                 char* speedKmh) {
+  Sys_log(7, "lib_GPS_param_RetrieveLastCourseAndSpeedData.");
+  CopyLastData(courseTrue, gps_parameters.courseTrue);
+  CopyLastData(courseMagnetic, gps_parameters.courseMagnetic);
+  CopyLastData(speedKnots, gps_parameters.speedKnots);
+  CopyLastData(speedKmh, gps_parameters.speedKmh);
+  return 0;
+}
+
+int lib_GPS_param_SetPowerModePolicy(int32_t value) { return SetPolicy(gps_parameters.power_mode_policy, value); }
+int32_t lib_GPS_param_GetPowerModePolicy(void) { return gps_parameters.power_mode_policy; }
+int lib_GPS_param_SetStandbyPolicy(int32_t value) { return SetPolicy(gps_parameters.standby_policy, value); }
+int32_t lib_GPS_param_GetStandbyPolicy(void) { return gps_parameters.standby_policy; }
+int lib_GPS_param_SetAssistancePolicy(int32_t value) { return SetPolicy(gps_parameters.assistance_policy, value); }
+int32_t lib_GPS_param_GetAssistancePolicy(void) { return gps_parameters.assistance_policy; }
+
+int lib_GPS_param_SetConnectionPolicy(int32_t value) {
+  if (value != 0) return -10;
+  return SetPolicy(gps_parameters.connection_policy, value);
+}
+int32_t lib_GPS_param_GetConnectionPolicy(void) { return gps_parameters.connection_policy; }
+
+int lib_GPS_param_SetGprsParameterPolicy(int32_t value) {
+  return SetPolicy(gps_parameters.gprs_parameter_policy, value);
+}
+int32_t lib_GPS_param_GetGprsParameterPolicy(void) { return gps_parameters.gprs_parameter_policy; }
+
+int lib_GPS_param_SetGprsParameters(const char* apn, const char* login, const char* password) {
+  if (apn) CopySetting(gps_parameters.gprs_apn, apn);
+  if (login) CopySetting(gps_parameters.gprs_login, login);
+  if (password) CopySetting(gps_parameters.gprs_password, password);
+  if (apn || login || password) lib_GPS_param_SaveParameters();
+  return 0;
+}
+
+int lib_GPS_param_GetGprsParameters(char* apn, char* login, char* password) {
+  if (apn) std::memcpy(apn, gps_parameters.gprs_apn, GPS_PARAMETER_TEXT_BYTES);
+  if (login) std::memcpy(login, gps_parameters.gprs_login, GPS_PARAMETER_TEXT_BYTES);
+  if (password) std::memcpy(password, gps_parameters.gprs_password, GPS_PARAMETER_TEXT_BYTES);
+  return 0;
+}
+
+int lib_GPS_param_SetOnlineServerParameters(const char* address, uint16_t port, const char* username,
+                                            const char* password) {
+  if (address) CopySetting(gps_parameters.online_server_address, address);
+  if (port != 0) gps_parameters.online_server_port = port;
+  if (username) CopySetting(gps_parameters.online_server_username, username);
+  if (password) CopySetting(gps_parameters.online_server_password, password);
+  if (address || port != 0 || username || password) lib_GPS_param_SaveParameters();
+  return 0;
+}
+
+int lib_GPS_param_GetOnlineServerParameters(char* address, uint16_t* port, char* username, char* password) {
+  if (address) std::memcpy(address, gps_parameters.online_server_address, GPS_PARAMETER_TEXT_BYTES);
+  if (port) *port = static_cast<uint16_t>(gps_parameters.online_server_port);
+  if (username) std::memcpy(username, gps_parameters.online_server_username, GPS_PARAMETER_TEXT_BYTES);
+  if (password) std::memcpy(password, gps_parameters.online_server_password, GPS_PARAMETER_TEXT_BYTES);
+  return 0;
+}
+
+int lib_GPS_param_SetOfflineServerParameters(const char* address, uint16_t port, const char* file) {
+  if (address) CopySetting(gps_parameters.offline_server_address, address);
+  if (port != 0) gps_parameters.offline_server_port = port;
+  if (file) CopySetting(gps_parameters.offline_server_file, file);
+  if (address || port != 0 || file) lib_GPS_param_SaveParameters();
+  return 0;
+}
+
+int lib_GPS_param_GetOfflineServerParameters(char* address, uint16_t* port, char* file) {
+  if (address) std::memcpy(address, gps_parameters.offline_server_address, GPS_PARAMETER_TEXT_BYTES);
+  if (port) *port = static_cast<uint16_t>(gps_parameters.offline_server_port);
+  if (file) std::memcpy(file, gps_parameters.offline_server_file, GPS_PARAMETER_TEXT_BYTES);
+  return 0;
+}

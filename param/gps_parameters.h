@@ -1,0 +1,108 @@
+// Settings and the last known fix, one 1216-byte record mirrored byte for byte
+// in "gps_param.cfg" on the platform disk "GPS".
+#pragma once
+
+#include <cstddef>
+#include <bit>
+#include <cstdint>
+
+inline constexpr uint32_t GPS_PARAMETERS_FILE_BYTES = 1216;
+inline constexpr uint32_t GPS_PARAMETER_TEXT_BYTES = 128;
+inline constexpr uint32_t GPS_LAST_DATA_TEXT_BYTES = 16;
+inline constexpr const char* GPS_PARAMETERS_DISK = "GPS";
+inline constexpr const char* GPS_PARAMETERS_FILE = "gps_param.cfg";
+
+// Integers are little-endian int32 on every target this runs on; the layout is
+// checked below so the in-memory record is the file.
+struct gps_parameters_t {
+  int32_t power_mode_policy;
+  int32_t standby_policy;
+  int32_t assistance_policy;
+  int32_t connection_policy;
+  int32_t gprs_parameter_policy;
+  char gprs_apn[128];
+  char gprs_login[128];
+  char gprs_password[128];
+  char online_server_address[128];
+  char online_server_username[128];
+  char online_server_password[128];
+  int32_t online_server_port;
+  char offline_server_address[128];
+  char offline_server_file[128];
+  int32_t offline_server_port;
+  int32_t requestedFixUpdatePeriodInms;
+  char date[16];
+  char time[16];
+  char latitude[16];
+  char longitude[16];
+  char hdop[16];
+  char altitude[16];
+  char courseTrue[16];
+  char courseMagnetic[16];
+  char speedKnots[16];
+  char speedKmh[16];
+};
+
+static_assert(std::endian::native == std::endian::little, "the parameters file is little-endian");
+static_assert(sizeof(gps_parameters_t) == GPS_PARAMETERS_FILE_BYTES);
+static_assert(offsetof(gps_parameters_t, gprs_apn) == 20);
+static_assert(offsetof(gps_parameters_t, online_server_port) == 788);
+static_assert(offsetof(gps_parameters_t, offline_server_address) == 792);
+static_assert(offsetof(gps_parameters_t, offline_server_port) == 1048);
+static_assert(offsetof(gps_parameters_t, requestedFixUpdatePeriodInms) == 1052);
+static_assert(offsetof(gps_parameters_t, date) == 1056);
+static_assert(offsetof(gps_parameters_t, speedKmh) == 1200);
+
+extern gps_parameters_t gps_parameters;
+
+// Defaults of a newly created file.
+inline constexpr const char* GPS_DEFAULT_GPRS_APN = "internet";
+inline constexpr const char* GPS_DEFAULT_ONLINE_SERVER = "online-live1.services.u-blox.com";
+inline constexpr const char* GPS_DEFAULT_ONLINE_USERNAME = "terminal@gps-service.invalid";
+inline constexpr const char* GPS_DEFAULT_ONLINE_PASSWORD = "Mfnotl";
+inline constexpr int32_t GPS_DEFAULT_ONLINE_PORT = 46434;
+inline constexpr const char* GPS_DEFAULT_OFFLINE_SERVER = "offline-live1.services.u-blox.com";
+inline constexpr const char* GPS_DEFAULT_OFFLINE_FILE = "current_14d.alp";
+inline constexpr int32_t GPS_DEFAULT_OFFLINE_PORT = 80;
+inline constexpr int32_t GPS_DEFAULT_FIX_UPDATE_PERIOD_MS = 1000;
+
+void lib_GPS_param_BuildDefaultParameters(gps_parameters_t* params);
+
+int lib_GPS_param_CreateParametersFileIfNecessary(void);
+struct FILE_FS_File* lib_GPS_param_OpenParametersFile(void);
+int lib_GPS_param_ReadParametersFile(gps_parameters_t* destination);
+int lib_GPS_param_UpdateParametersFile(const gps_parameters_t* source);
+int lib_GPS_param_SaveParameters(void);
+int lib_GPS_param_RestorePersistentStorage(void);
+void lib_GPS_param_LogParameters(const gps_parameters_t* params);
+
+// Last fix; every text is a 16-byte buffer. Callers hold the engine lock.
+int lib_GPS_param_RecordLastFixData(const char* date, const char* time, const char* latitude, const char* longitude,
+                                    const char* hdop, const char* altitude);
+int lib_GPS_param_StoreLastFixData(void);
+int lib_GPS_param_RetrieveLastFixData(char* date, char* time, char* latitude, char* longitude, char* hdop,
+                                      char* altitude);
+int lib_GPS_param_RecordLastCourseAndSpeedData(const char* courseTrue, const char* courseMagnetic,
+                                               const char* speedKnots, const char* speedKmh);
+int lib_GPS_param_StoreLastCourseAndSpeedData(void);
+int lib_GPS_param_RetrieveLastCourseAndSpeedData(char* courseTrue, char* courseMagnetic, char* speedKnots,
+                                                 char* speedKmh);
+
+// Settings accessors; a setter saves the file when it changed something.
+int lib_GPS_param_SetPowerModePolicy(int32_t value);
+int32_t lib_GPS_param_GetPowerModePolicy(void);
+int lib_GPS_param_SetStandbyPolicy(int32_t value);
+int32_t lib_GPS_param_GetStandbyPolicy(void);
+int lib_GPS_param_SetAssistancePolicy(int32_t value);
+int32_t lib_GPS_param_GetAssistancePolicy(void);
+int lib_GPS_param_SetConnectionPolicy(int32_t value);
+int32_t lib_GPS_param_GetConnectionPolicy(void);
+int lib_GPS_param_SetGprsParameterPolicy(int32_t value);
+int32_t lib_GPS_param_GetGprsParameterPolicy(void);
+int lib_GPS_param_SetGprsParameters(const char* apn, const char* login, const char* password);
+int lib_GPS_param_GetGprsParameters(char* apn, char* login, char* password);
+int lib_GPS_param_SetOnlineServerParameters(const char* address, uint16_t port, const char* username,
+                                            const char* password);
+int lib_GPS_param_GetOnlineServerParameters(char* address, uint16_t* port, char* username, char* password);
+int lib_GPS_param_SetOfflineServerParameters(const char* address, uint16_t port, const char* file);
+int lib_GPS_param_GetOfflineServerParameters(char* address, uint16_t* port, char* file);

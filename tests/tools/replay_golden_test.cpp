@@ -1,0 +1,195 @@
+// Every shared capture replayed through gps-replay (the real binary): each fix
+// must agree with the independent decoder's TPV reports of the same second.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+struct Tpv {
+  double lat;
+  double lon;
+  std::optional<double> altMsl;
+};
+
+// Runs a command and returns its standard output and exit status.
+std::pair<std::string, int> RunCommand(const std::string& command) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return {"", -1};
+  char buffer[65536];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
+  const int status = pclose(pipe);
+  return {output, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+std::vector<json> JsonLines(const std::string& text) {
+  std::vector<json> out;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    const std::string line = text.substr(start, end - start);
+    if (!line.empty() && line.front() == '{') out.push_back(json::parse(line));
+    start = end + 1;
+  }
+  return out;
+}
+
+// TPV reports with a position, keyed by time of day "HH:MM:SS".
+std::multimap<std::string, Tpv> ReadReports(const fs::path& chk) {
+  std::multimap<std::string, Tpv> reports;
+  std::ifstream in(chk);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("{\"class\":\"TPV\"", 0) != 0) continue;
+    const json tpv = json::parse(line);
+    if (!tpv.contains("time") || !tpv.contains("lat") || !tpv.contains("lon")) continue;
+    const std::string time = tpv["time"];
+    const size_t t = time.find('T');
+    if (t == std::string::npos || time.size() < t + 9) continue;
+    Tpv report{tpv["lat"], tpv["lon"], std::nullopt};
+    // Only reports made from a GGA sentence (they carry its geoid separation)
+    // state the receiver's own MSL altitude; those made from UBX solutions
+    // carry the decoder's geoid model instead.
+    if (tpv.contains("altMSL") && tpv.contains("geoidSep") && !tpv.contains("ecefx"))
+      report.altMsl = tpv["altMSL"].get<double>();
+    reports.emplace(time.substr(t + 1, 8), report);
+  }
+  return reports;
+}
+
+// "17h19m26s" -> "17:19:26"
+std::string TimeOfDay(const std::string& engineTime) {
+  if (engineTime.size() != 9) return engineTime;
+  return engineTime.substr(0, 2) + ":" + engineTime.substr(3, 2) + ":" + engineTime.substr(6, 2);
+}
+
+bool StreamHasGga(const fs::path& capture) {
+  std::ifstream in(capture, std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  return bytes.find("GGA,") != std::string::npos;
+}
+
+std::vector<fs::path> Captures() {
+  std::vector<fs::path> out;
+  if (!fs::is_directory(GPS_CAPTURES_DIR)) return out;
+  for (const auto& entry : fs::directory_iterator(GPS_CAPTURES_DIR))
+    if (entry.path().extension() == ".log") out.push_back(entry.path());
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+class ReplayGolden : public testing::TestWithParam<fs::path> {};
+
+TEST_P(ReplayGolden, FixesAgreeWithIndependentDecoder) {
+  const fs::path capture = GetParam();
+  const auto reports = ReadReports(capture.string() + ".chk");
+  const auto [output, status] =
+      RunCommand(std::string(GPS_REPLAY_BINARY) + " --summary '" + capture.string() + "' 2>/dev/null");
+  ASSERT_EQ(status, 0) << output;
+  const auto lines = JsonLines(output);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.back()["event"], "summary");
+
+  int fixes = 0;
+  int unreported = 0;
+  for (const auto& line : lines) {
+    if (line["event"] != "fix") continue;
+    ++fixes;
+    const std::string time = TimeOfDay(line["time"]);
+    const auto [first, last] = reports.equal_range(time);
+    unreported += first == last;
+    for (auto it = first; it != last; ++it) {
+      EXPECT_NEAR(line["lat"].get<double>(), it->second.lat, 1e-7) << time << " " << capture.filename();
+      EXPECT_NEAR(line["lon"].get<double>(), it->second.lon, 1e-7) << time << " " << capture.filename();
+      if (it->second.altMsl) {
+        EXPECT_NEAR(std::stod(line["altitude"].get<std::string>()), *it->second.altMsl, 1e-3)
+            << time << " " << capture.filename();
+      }
+    }
+  }
+  // The decoder reports a cycle when the next one begins, so the last fix of a
+  // capture has no report; every other one must have been compared.
+  EXPECT_LE(unreported, 1) << capture.filename();
+  if (StreamHasGga(capture)) {
+    EXPECT_GT(fixes, 0) << capture.filename();
+  } else {
+    EXPECT_EQ(fixes, 0) << capture.filename();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Captures, ReplayGolden, testing::ValuesIn(Captures()),
+                         [](const testing::TestParamInfo<fs::path>& info) {
+                           std::string name = info.param.stem().string();
+                           for (char& c : name)
+                             if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+                           return name;
+                         });
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(ReplayGolden);
+
+TEST(ReplayTool, NeoM8nGivesTwentyThreeFixesAndSatellites) {
+  const fs::path capture = fs::path(GPS_CAPTURES_DIR) / "neo-m8n.log";
+  if (!fs::exists(capture)) GTEST_SKIP() << "captures not found at " << GPS_CAPTURES_DIR;
+  const auto [output, status] =
+      RunCommand(std::string(GPS_REPLAY_BINARY) + " --summary '" + capture.string() + "' 2>/dev/null");
+  ASSERT_EQ(status, 0);
+  const auto lines = JsonLines(output);
+  int fixes = 0;
+  for (const auto& line : lines) fixes += line["event"] == "fix";
+  EXPECT_EQ(fixes, 23);
+  const json& summary = lines.back();
+  EXPECT_EQ(summary["bytes"], fs::file_size(capture) - 172);  // five header lines
+  EXPECT_GT(summary["nmea"].get<int>(), 200);
+  EXPECT_EQ(summary["ubx"], 0);
+  ASSERT_FALSE(summary["satellites"].empty());
+  int previous = 0;
+  for (const auto& sat : summary["satellites"]) {
+    EXPECT_GT(sat["prn"].get<int>(), previous) << "satellites are in PRN order";
+    previous = sat["prn"];
+  }
+  EXPECT_EQ(lines.front()["date"], "18/03/2015");
+  EXPECT_EQ(lines.front()["time"], "17h19m26s");
+}
+
+TEST(ReplayTool, QuietPrintsOnlyTheSummaryAndStdinWorks) {
+  const fs::path capture = fs::path(GPS_CAPTURES_DIR) / "neo-m8n.log";
+  if (!fs::exists(capture)) GTEST_SKIP() << "captures not found at " << GPS_CAPTURES_DIR;
+  const auto [output, status] = RunCommand(std::string(GPS_REPLAY_BINARY) + " --quiet - < '" + capture.string() + "' 2>/dev/null");
+  ASSERT_EQ(status, 0);
+  const auto lines = JsonLines(output);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0]["event"], "summary");
+}
+
+TEST(ReplayTool, MissingFileIsNamedAndExitsWithTwo) {
+  const auto [output, status] =
+      RunCommand(std::string(GPS_REPLAY_BINARY) + " /nonexistent/capture.log 2>&1 >/dev/null");
+  EXPECT_EQ(status, 2);
+  EXPECT_NE(output.find("/nonexistent/capture.log"), std::string::npos) << output;
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << output;
+}
+
+TEST(ReplayTool, ModemTypeReadsRawChunksAndFindsTheSameFixes) {
+  const fs::path capture = fs::path(GPS_CAPTURES_DIR) / "ublox-8.log";
+  if (!fs::exists(capture)) GTEST_SKIP() << "captures not found at " << GPS_CAPTURES_DIR;
+  const auto aligned = RunCommand(std::string(GPS_REPLAY_BINARY) + " '" + capture.string() + "' 2>/dev/null");
+  const auto raw =
+      RunCommand(std::string(GPS_REPLAY_BINARY) + " --module-type 3 '" + capture.string() + "' 2>/dev/null");
+  ASSERT_EQ(aligned.second, 0);
+  ASSERT_EQ(raw.second, 0);
+  EXPECT_EQ(aligned.first, raw.first);
+}
+
+}  // namespace

@@ -1,0 +1,275 @@
+#include "tools/replay.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <span>
+#include <unistd.h>
+
+#include "engine/gps_private_info.h"
+#include "nmea/gps_framer.h"
+#include "param/gps_parameters.h"
+#include "platform/clock.h"
+#include "platform/message_align.h"
+#include "transport/gps_trace.h"
+
+namespace gps::replay {
+namespace {
+
+// The replay's clock advances one tick (10 ms) per analysed message, so each
+// GGA has a tick of its own and the once-a-minute store of the last fix
+// happens at the same place on every run. It starts past the first store
+// period, as on a terminal that has been up for a while.
+uint32_t g_virtualTick = GPS_LAST_DATA_STORE_PERIOD_TICKS;
+uint32_t VirtualTicks() { return g_virtualTick; }
+
+constexpr size_t kReadBytes = 64 * 1024;
+
+class JsonLine {
+ public:
+  void Raw(const char* text) { line_ += text; }
+  void Key(const char* key) {
+    if (line_.size() > 1) line_ += ',';
+    line_ += '"';
+    line_ += key;
+    line_ += "\":";
+  }
+  void String(const char* key, const char* value, size_t capacity) {
+    Key(key);
+    line_ += '"';
+    for (size_t i = 0; i < capacity && value[i] != '\0'; ++i) {
+      const unsigned char c = static_cast<unsigned char>(value[i]);
+      if (c == '"' || c == '\\') {
+        line_ += '\\';
+        line_ += static_cast<char>(c);
+      } else if (c < 0x20 || c >= 0x7F) {
+        char escaped[8];
+        std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+        line_ += escaped;
+      } else {
+        line_ += static_cast<char>(c);
+      }
+    }
+    line_ += '"';
+  }
+  void Number(const char* key, uint64_t value) {
+    Key(key);
+    line_ += std::to_string(value);
+  }
+  void Degrees(const char* key, const char* text) {
+    Key(key);
+    double degrees = 0;
+    if (!NmeaCoordinateToDegrees(text, degrees)) {
+      line_ += "null";
+      return;
+    }
+    char number[40];
+    int n = std::snprintf(number, sizeof number, "%.10f", degrees);
+    while (n > 1 && number[n - 1] == '0' && number[n - 2] != '.') number[--n] = '\0';
+    line_ += number;
+  }
+  void Write(std::FILE* out) {
+    line_ += "}\n";
+    std::fwrite(line_.data(), 1, line_.size(), out);
+    line_ = "{";
+  }
+
+ private:
+  std::string line_ = "{";
+};
+
+struct Replay {
+  const Options& options;
+  std::FILE* out;
+  Totals totals;
+  JsonLine json;
+
+  void OnMessage(const gps_private_info_t* infos, const gps_message_t* message) {
+    ++g_virtualTick;
+    if (message->type == MESSAGE_TYPE_UBLOX) {
+      ++totals.ubx;
+      return;
+    }
+    if (message->type != MESSAGE_TYPE_NMEA) return;
+    ++totals.nmea;
+    // The parser has cut the sentence at its commas: bytes 3 to 5 are the type.
+    if (message->length < 6 || std::memcmp(message->buffer + 3, "GGA", 3) != 0) return;
+    // A GGA that carried a fix set fix_tick to its own reception tick.
+    if (infos->fix_quality == 0 || infos->fix_tick != infos->gga_tick || infos->gga_tick != g_virtualTick - 1) return;
+    ++totals.fixes;
+    if (options.quiet) return;
+    json.String("event", "fix", 3);
+    json.String("time", infos->time, sizeof infos->time);
+    json.String("date", infos->date, sizeof infos->date);
+    json.String("latitude", infos->latitude, sizeof infos->latitude);
+    json.String("longitude", infos->longitude, sizeof infos->longitude);
+    json.String("altitude", infos->altitude, sizeof infos->altitude);
+    json.String("hdop", infos->hdop, sizeof infos->hdop);
+    json.Degrees("lat", infos->latitude);
+    json.Degrees("lon", infos->longitude);
+    json.Write(out);
+  }
+
+  static void Observe(void* context, const gps_private_info_t* infos, const gps_message_t* message) {
+    static_cast<Replay*>(context)->OnMessage(infos, message);
+  }
+
+  void Feed(std::span<const uint8_t> chunk) {
+    totals.bytes += chunk.size();
+    analyze_gps(&gps_private_info, &frame, chunk.data(), static_cast<uint32_t>(chunk.size()));
+  }
+
+  // Hands the pending bytes to the engine as the driver would: whole messages
+  // for the u-blox types, raw reads of at most one chunk for the modem.
+  // Returns how many bytes were consumed.
+  size_t Deliver(std::span<const uint8_t> pending, bool endOfInput) {
+    const bool ublox =
+        options.moduleType == GPS_MODULE_TYPE_UBX_G7020 || options.moduleType == GPS_MODULE_TYPE_UBX_M8030;
+    size_t used = 0;
+    while (used < pending.size()) {
+      const auto rest = pending.subspan(used);
+      size_t n = ublox ? platform::WholeMessagesPrefix(rest) : std::min(rest.size(), platform::kMaxDeviceChunk);
+      if (n == 0 || (!ublox && n < platform::kMaxDeviceChunk && !endOfInput)) {
+        if (!endOfInput) break;
+        n = std::min(rest.size(), platform::kMaxDeviceChunk);  // the stream ends inside a message
+      }
+      Feed(rest.first(n));
+      used += n;
+    }
+    return used;
+  }
+
+  int ReplayFile(const std::string& name, std::FILE* errors) {
+    const bool isStdin = name == "-";
+    const int fd = isStdin ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+      std::fprintf(errors, "gps-replay: cannot open %s: %s\n", name.c_str(), std::strerror(errno));
+      return 2;
+    }
+    std::vector<uint8_t> pending;
+    pending.reserve(kReadBytes + platform::kMaxDeviceChunk);
+    bool inHeader = true;    // leading lines that start with '#'
+    bool skippingLine = false;
+    int result = 0;
+    for (;;) {
+      const size_t old = pending.size();
+      pending.resize(old + kReadBytes);
+      const ssize_t got = ::read(fd, pending.data() + old, kReadBytes);
+      if (got < 0 && errno == EINTR) {
+        pending.resize(old);
+        continue;
+      }
+      if (got < 0) {
+        std::fprintf(errors, "gps-replay: cannot read %s: %s\n", name.c_str(), std::strerror(errno));
+        pending.resize(old);
+        result = 2;
+        break;
+      }
+      pending.resize(old + static_cast<size_t>(got));
+      if (got == 0) break;
+      size_t start = 0;
+      while (inHeader && start < pending.size()) {
+        if (!skippingLine) {
+          if (pending[start] != '#') {
+            inHeader = false;
+            break;
+          }
+          skippingLine = true;
+        }
+        const void* lf = std::memchr(pending.data() + start, '\n', pending.size() - start);
+        if (!lf) {
+          start = pending.size();
+          break;
+        }
+        start = static_cast<size_t>(static_cast<const uint8_t*>(lf) - pending.data()) + 1;
+        skippingLine = false;
+      }
+      if (start > 0) pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(start));
+      const size_t used = Deliver(pending, false);
+      pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(used));
+    }
+    Deliver(pending, true);
+    if (!isStdin) ::close(fd);
+    return result;
+  }
+
+  void WriteSummary() {
+    const gps_private_info_t& infos = gps_private_info;
+    json.String("event", "summary", 7);
+    json.Number("bytes", totals.bytes);
+    json.Number("nmea", totals.nmea);
+    json.Number("ubx", totals.ubx);
+    json.Number("sat_view_count", infos.sat_view_count);
+    json.Key("satellites");
+    json.Raw("[");
+    bool first = true;
+    auto add = [&](const gps_satellite_t& sat) {
+      if (sat.tick == 0) return;
+      char item[128];
+      std::snprintf(item, sizeof item, "%s{\"prn\":%u,\"elevation\":%u,\"azimuth\":%u,\"snr\":%u}", first ? "" : ",",
+                    sat.prn, sat.elevation, sat.azimuth, sat.snr);
+      json.Raw(item);
+      first = false;
+    };
+    for (const auto& sat : infos.sat_prn_1_32) add(sat);
+    for (const auto& sat : infos.sat_prn_33_64) add(sat);
+    json.Raw("]");
+    json.Write(out);
+  }
+
+  gps_message_t frame;
+};
+
+}  // namespace
+
+bool NmeaCoordinateToDegrees(const char* text, double& degrees) {
+  if (!text || !*text) return false;
+  char* end = nullptr;
+  const double value = std::strtod(text, &end);
+  if (end == text || !std::isfinite(value) || value < 0) return false;
+  double sign = 1;
+  switch (*end) {
+    case 'N': case 'E': break;
+    case 'S': case 'W': sign = -1; break;
+    default: return false;
+  }
+  if (end[1] != '\0') return false;
+  const double whole = std::floor(value / 100.0);
+  degrees = sign * (whole + (value - whole * 100.0) / 60.0);
+  return true;
+}
+
+int Run(const Options& options, std::FILE* out, std::FILE* errors, Totals* totals) {
+  Replay replay{options, out, {}, {}, {}};
+  gps_message_init(&replay.frame);
+
+  std::memset(&gps_private_info, 0, sizeof gps_private_info);
+  gps_private_info.module_type = options.moduleType;
+  gps_private_info.com_gps = GPS_INVALID_HANDLE;
+  gps_private_info.com_transp_handle = -1;
+  gps_private_info.fix_update_period_ms = 1000;
+  g_virtualTick = GPS_LAST_DATA_STORE_PERIOD_TICKS;
+  platform::SetTickSource(VirtualTicks);
+  lib_GPS_param_RestorePersistentStorage();
+  lib_GPS_ResetInfosLocked(&gps_private_info);
+  lib_GPS_TraceInit(1);
+  lib_GPS_SetMessageObserver(&Replay::Observe, &replay);
+
+  int result = 0;
+  for (const auto& file : options.files) {
+    if (replay.ReplayFile(file, errors) != 0) {
+      result = 2;
+      break;
+    }
+  }
+  lib_GPS_SetMessageObserver(nullptr, nullptr);
+  platform::SetTickSource(nullptr);
+  if (result == 0 && (options.summary || options.quiet)) replay.WriteSummary();
+  std::fflush(out);
+  if (totals) *totals = replay.totals;
+  return result;
+}
+
+}  // namespace gps::replay
