@@ -78,21 +78,21 @@ uint32_t HandleUbxLengthLow(gps_message_t* m, uint8_t byte) {
 uint32_t HandleUbxLengthHigh(gps_message_t* m, uint8_t byte) {
   Store(m, byte);
   m->ubx_length += static_cast<uint32_t>(byte) * 256u;
-  // A frame that cannot be held is abandoned as soon as its length is known,
-  // so that a receiver whose state carries over between chunks (the GPRS
-  // modem) does not wait for it forever.
-  if (m->ubx_length > GPS_UBX_MAX_PAYLOAD_BYTES) {
-    lib_GPS_Trace(7, "analyze_gps: UBX frame 0x%02X 0x%02X of %u payload bytes is too long; dropped.", m->ubx_class,
-                  m->ubx_id, m->ubx_length);
-    m->type = MESSAGE_TYPE_NONE;
-    m->state = FRAME_STATE_IDLE;
-    return 0;
-  }
   m->state = FRAME_STATE_UBX_PAYLOAD;
+  if (m->ubx_length > GPS_UBX_MAX_PAYLOAD_BYTES) {
+    lib_GPS_Trace(7, "analyze_gps: UBX frame 0x%02X 0x%02X of %u payload bytes is too long; passed over.",
+                  m->ubx_class, m->ubx_id, m->ubx_length);
+    m->type = MESSAGE_TYPE_NONE;
+    m->skip_remaining = m->ubx_length + 2;  // payload and checksum
+  }
   return 0;
 }
 
 uint32_t HandleUbxPayload(gps_message_t* m, uint8_t byte) {
+  if (m->type == MESSAGE_TYPE_NONE) {
+    if (--m->skip_remaining == 0) m->state = FRAME_STATE_IDLE;
+    return 0;
+  }
   Store(m, byte);
   if (m->length != m->ubx_length + GPS_UBX_FRAME_OVERHEAD_BYTES) return 0;
   m->state = FRAME_STATE_IDLE;

@@ -41,6 +41,10 @@ struct gps_message_t {
   uint32_t ubx_class;
   uint32_t ubx_id;
   uint32_t ubx_length;  // payload bytes
+  // Bytes of an oversized UBX frame (payload over GPS_UBX_MAX_PAYLOAD_BYTES)
+  // still to be passed over: such a frame cannot be held, and its payload
+  // must not be mistaken for messages.
+  uint32_t skip_remaining;
 };
 
 // Zero-fills the frame record, installs the state handlers, state idle.

@@ -77,7 +77,12 @@ ManualTicks::ManualTicks(uint32_t start) {
 
 ManualTicks::~ManualTicks() { platform::SetTickSource(nullptr); }
 
+namespace {
+gps_message_t g_receiverFrame;
+}  // namespace
+
 void ResetEngine(uint32_t moduleType) {
+  gps_message_init(&g_receiverFrame);
   std::memset(&gps_private_info, 0, sizeof gps_private_info);
   std::memset(&gps_parameters, 0, sizeof gps_parameters);
   gps_private_info.module_type = moduleType;
@@ -88,14 +93,28 @@ void ResetEngine(uint32_t moduleType) {
 }
 
 void FeedReceiver(std::string_view bytes) {
-  static gps_message_t frame;
-  static bool initialised = false;
-  if (!initialised) {
-    gps_message_init(&frame);
-    initialised = true;
-  }
-  analyze_gps(&gps_private_info, &frame, reinterpret_cast<const uint8_t*>(bytes.data()),
+  analyze_gps(&gps_private_info, &g_receiverFrame, reinterpret_cast<const uint8_t*>(bytes.data()),
               static_cast<uint32_t>(bytes.size()));
+}
+
+}  // namespace gps::test
+
+#include "tests/support/message_recorder.h"
+
+namespace gps::test {
+
+std::string UbxFrame(uint8_t cls, uint8_t id, const std::string& payload) {
+  std::string frame = {'\xB5', '\x62', static_cast<char>(cls), static_cast<char>(id),
+                       static_cast<char>(payload.size() & 0xFF), static_cast<char>(payload.size() >> 8)};
+  frame += payload;
+  uint8_t a = 0, b = 0;
+  for (size_t i = 2; i < frame.size(); ++i) {
+    a = static_cast<uint8_t>(a + static_cast<uint8_t>(frame[i]));
+    b = static_cast<uint8_t>(b + a);
+  }
+  frame += static_cast<char>(a);
+  frame += static_cast<char>(b);
+  return frame;
 }
 
 }  // namespace gps::test

@@ -62,7 +62,8 @@ class ManualTicks {
 };
 
 // Zeroes the engine record and the parameters record and sets what engine
-// start-up would (module type, closed handles, reset fix state).
+// start-up would (module type, closed handles, reset fix state), and starts
+// a new receiver frame record for FeedReceiver.
 void ResetEngine(uint32_t moduleType = 2);
 
 // Feeds text to the engine as one chunk from the receiver.

@@ -1,0 +1,226 @@
+// Sentences into the engine record: what each sentence writes, what it
+// leaves, and when the last fix reaches the parameters file.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "engine/gps_private_info.h"
+#include "param/gps_parameters.h"
+#include "tests/support/test_env.h"
+
+namespace {
+
+using gps::test::FeedReceiver;
+
+std::string Field(const char* text) { return std::string(text); }
+
+class NmeaParserTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    gps::test::ResetEngine(2);
+    lib_GPS_param_RestorePersistentStorage();
+  }
+
+  // The last-fix latitude as stored in the parameters file on disk.
+  std::string StoredLatitude() const {
+    std::ifstream in(root_ / "fs/GPS/gps_param.cfg", std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (bytes.size() < 1104) return "<short file>";
+    return std::string(bytes.c_str() + 1088);
+  }
+
+  gps::test::TempRoot root_;
+  gps::test::ManualTicks ticks_{100000};
+  const gps_private_info_t& infos_ = gps_private_info;
+};
+
+TEST_F(NmeaParserTest, GgaWithFixFillsTheFixFields) {
+  FeedReceiver("$GNRMC,171926.00,A,4404.14063,N,12118.85478,W,0.117,,180315,,,A*76\r\n");
+  FeedReceiver("$GNGGA,171926.00,4404.14063,N,12118.85478,W,1,12,0.91,1147.2,M,-21.3,M,,*44\r\n");
+  EXPECT_EQ(infos_.fix_quality, 1);
+  EXPECT_EQ(infos_.fix_tick, 100000u);
+  EXPECT_EQ(infos_.gga_tick, 100000u);
+  EXPECT_EQ(Field(infos_.time), "17h19m26s");
+  EXPECT_EQ(Field(infos_.date), "18/03/2015");
+  EXPECT_EQ(Field(infos_.latitude), "4404.14063N");
+  EXPECT_EQ(Field(infos_.longitude), "12118.85478W");
+  EXPECT_EQ(Field(infos_.altitude), "1147.2");
+  EXPECT_EQ(Field(infos_.hdop), "0.91");
+  EXPECT_EQ(Field(infos_.geoid_separation), "-21.3");
+  // Recorded in memory with the date of the last RMC.
+  EXPECT_EQ(Field(gps_parameters.date), "18/03/2015");
+  EXPECT_EQ(Field(gps_parameters.latitude), "4404.14063N");
+}
+
+TEST_F(NmeaParserTest, TalkerIsIgnoredAndProprietarySentencesMatchNothing) {
+  FeedReceiver("$GPGGA,120000.00,1111.11111,S,02222.22222,E,1,05,1.2,10.0,M,1.0,M,,*00\r\n");
+  EXPECT_EQ(Field(infos_.latitude), "1111.11111S");
+  FeedReceiver("$PUBX,00,130000.00,3333.33333,N,04444.44444,E,1,G3,1,1,1,1,1,1,1,1,1*00\r\n");
+  EXPECT_EQ(Field(infos_.latitude), "1111.11111S");
+  EXPECT_EQ(Field(infos_.time), "12h00m00s");
+}
+
+TEST_F(NmeaParserTest, GgaWithoutFixChangesOnlyItsTickAndQuality) {
+  FeedReceiver("$GPGGA,120000.00,1111.11111,N,02222.22222,E,1,05,1.2,10.0,M,1.0,M,,*00\r\n");
+  ticks_.advance(100);
+  FeedReceiver("$GPGGA,120001.00,,,,,0,00,99.99,,,,,,*00\r\n");
+  EXPECT_EQ(infos_.fix_quality, 0);
+  EXPECT_EQ(infos_.gga_tick, 100100u);
+  EXPECT_EQ(infos_.fix_tick, 100000u);
+  EXPECT_EQ(Field(infos_.latitude), "1111.11111N");
+  EXPECT_EQ(Field(infos_.time), "12h00m00s");
+}
+
+TEST_F(NmeaParserTest, QualityThatIsNotADigitIsNoFix) {
+  FeedReceiver("$GPGGA,120000.00,1111.11111,N,02222.22222,E,,05,1.2,10.0,M,1.0,M,,*00\r\n");
+  EXPECT_EQ(infos_.fix_quality, 0);
+  EXPECT_EQ(Field(infos_.latitude), "");
+}
+
+TEST_F(NmeaParserTest, DifferentialFieldsOnlyWithQualityTwo) {
+  FeedReceiver("$GPGGA,120000.00,1111.11111,N,02222.22222,E,2,05,1.2,10.0,M,1.0,M,3.5,0042*00\r\n");
+  EXPECT_EQ(Field(infos_.dgps_age), "3.5");
+  EXPECT_EQ(Field(infos_.dgps_station_id).substr(0, 4), "0042");
+  FeedReceiver("$GPGGA,120001.00,1111.11111,N,02222.22222,E,1,05,1.2,10.0,M,1.0,M,9.9,0077*00\r\n");
+  EXPECT_EQ(Field(infos_.dgps_age), "3.5");
+  EXPECT_EQ(Field(infos_.dgps_station_id).substr(0, 4), "0042");
+}
+
+TEST_F(NmeaParserTest, ShortSentencesChangeOnlyTheirReceptionTick) {
+  FeedReceiver("$GPGGA,120000.00,1111.11111,N,02222.22222,E,1,05,1.2,10.0,M*00\r\n");
+  EXPECT_EQ(infos_.gga_tick, 100000u);
+  EXPECT_EQ(infos_.fix_quality, 0);
+  FeedReceiver("$GPVTG,77.52,T,,M,0.004,N*00\r\n");
+  EXPECT_EQ(infos_.vtg_tick, 100000u);
+  EXPECT_EQ(infos_.vtg_mode, 'N');
+  FeedReceiver("$GPRMC,1*00\r\n");
+  EXPECT_EQ(Field(infos_.date), "");
+}
+
+TEST_F(NmeaParserTest, OverlongFieldsAreCutToTheirField) {
+  const std::string lat(40, '1');
+  FeedReceiver("$GPGGA,120000.00," + lat + ",N,02222.22222,E,1,05," + std::string(30, '9') +
+               ",10.0,M,1.0,M,,*00\r\n");
+  EXPECT_EQ(Field(infos_.latitude), std::string(14, '1') + "N");
+  EXPECT_EQ(Field(infos_.hdop), std::string(15, '9'));
+  EXPECT_EQ(infos_.altitude[15], '\0');
+}
+
+TEST_F(NmeaParserTest, VtgModeDecidesWhetherCourseAndSpeedAreTaken) {
+  FeedReceiver("$GPVTG,77.52,T,70.1,M,0.004,N,0.008,K,A*06\r\n");
+  EXPECT_EQ(infos_.vtg_mode, 'A');
+  EXPECT_EQ(infos_.course_speed_tick, 100000u);
+  EXPECT_EQ(Field(infos_.course_true), "77.52");
+  EXPECT_EQ(Field(infos_.course_magnetic), "70.1");
+  EXPECT_EQ(Field(infos_.speed_knots), "0.004");
+  EXPECT_EQ(Field(infos_.speed_kmh), "0.008");
+  EXPECT_EQ(Field(gps_parameters.speedKmh), "0.008");
+  ticks_.advance(100);
+  FeedReceiver("$GPVTG,,T,,M,,N,,K,N*2C\r\n");
+  EXPECT_EQ(infos_.vtg_mode, 'N');
+  EXPECT_EQ(infos_.vtg_tick, 100100u);
+  EXPECT_EQ(infos_.course_speed_tick, 100000u);
+  EXPECT_EQ(Field(infos_.course_true), "77.52");
+}
+
+TEST_F(NmeaParserTest, LastFixReachesTheFileAtMostOncePerSixtySeconds) {
+  const auto gga = [](const char* lat) {
+    return std::string("$GPGGA,120000.00,") + lat + ",N,02222.22222,E,1,05,1.2,10.0,M,1.0,M,,*00\r\n";
+  };
+  FeedReceiver(gga("1111.11111"));
+  EXPECT_EQ(StoredLatitude(), "1111.11111N") << "first fix is stored at once";
+  ticks_.advance(100);
+  FeedReceiver(gga("2222.22222"));
+  EXPECT_EQ(Field(gps_parameters.latitude), "2222.22222N") << "recorded in memory";
+  EXPECT_EQ(StoredLatitude(), "1111.11111N") << "not written within 6000 ticks";
+  ticks_.advance(5899);
+  FeedReceiver(gga("3333.33333"));
+  EXPECT_EQ(StoredLatitude(), "1111.11111N") << "5999 ticks after the store";
+  ticks_.advance(1);
+  FeedReceiver(gga("4444.44444"));
+  EXPECT_EQ(StoredLatitude(), "4444.44444N") << "6000 ticks after the store";
+}
+
+TEST_F(NmeaParserTest, FirstFixIsNotStoredWhileTheCounterIsBelowOneMinute) {
+  ticks_.set(5999);
+  FeedReceiver("$GPGGA,120000.00,1111.11111,N,02222.22222,E,1,05,1.2,10.0,M,1.0,M,,*00\r\n");
+  EXPECT_EQ(StoredLatitude(), "");
+  EXPECT_EQ(infos_.last_fix_store_tick, 0u);
+}
+
+TEST_F(NmeaParserTest, GsvGroupIsPublishedWhenComplete) {
+  FeedReceiver("$GPGSV,3,1,09,01,53,280,36,03,29,301,24,04,55,223,37,08,38,166,16*7C\r\n");
+  FeedReceiver("$GPGSV,3,2,09,11,40,245,29,12,05,034,,14,43,055,30,17,06,324,*74\r\n");
+  EXPECT_EQ(infos_.sat_view_count, 0u) << "not published before the group is complete";
+  ticks_.advance(5);
+  FeedReceiver("$GPGSV,3,3,09,22,24,112,25*7A\r\n");
+  EXPECT_EQ(infos_.sat_view_count, 9u);
+  EXPECT_EQ(infos_.sat_view_tick, 100000u) << "the tick of the group's first message";
+  const gps_satellite_t& sat22 = infos_.sat_prn_1_32[21];
+  EXPECT_EQ(sat22.prn, 22u);
+  EXPECT_EQ(sat22.elevation, 24u);
+  EXPECT_EQ(sat22.azimuth, 112u);
+  EXPECT_EQ(sat22.snr, 25u) << "checksum suffix ignored";
+  EXPECT_EQ(infos_.sat_prn_1_32[11].snr, 0u) << "empty SNR is 0";
+  EXPECT_EQ(infos_.sat_prn_1_32[11].tick, 100000u);
+}
+
+TEST_F(NmeaParserTest, GsvEdgeGroups) {
+  FeedReceiver("$GPGSV,1,1,00*79\r\n");
+  EXPECT_EQ(infos_.sat_view_count, 0u);
+  EXPECT_EQ(infos_.sat_view_tick, 100000u) << "an empty group is published at once";
+
+  ticks_.advance(100);
+  FeedReceiver("$GLGSV,3,1,09,65,37,078,27,66,62,349,26,67,20,296,25,33,04,018,20*6E\r\n");
+  FeedReceiver("$GLGSV,3,3,09,83,27,309,29*63\r\n");  // message 2 lost
+  EXPECT_EQ(infos_.sat_view_tick, 100000u) << "an incomplete group is never published";
+
+  ticks_.advance(100);
+  FeedReceiver("$GLGSV,1,1,02,65,37,078,27,33,04,018,20*6E\r\n");
+  EXPECT_EQ(infos_.sat_view_count, 2u) << "PRN 65 is counted";
+  EXPECT_EQ(infos_.sat_prn_33_64[0].prn, 33u);
+  EXPECT_EQ(infos_.sat_prn_33_64[0].tick, 100200u);
+  for (const auto& sat : infos_.sat_prn_1_32) EXPECT_EQ(sat.tick, 0u) << "PRN 65 is stored nowhere";
+}
+
+TEST_F(NmeaParserTest, GsvAnnouncingMoreThanStagingHoldsStopsCollecting) {
+  // 64 tokens hold 15 satellites; five messages would collect 75.
+  for (int message = 1; message <= 5; ++message) {
+    std::string sentence = "$GPGSV,7," + std::to_string(message) + ",99";
+    for (int i = 0; i < 20; ++i) sentence += ",01,10,100,30";
+    FeedReceiver(sentence + "*00\r\n");
+  }
+  EXPECT_EQ(infos_.gsv_sats_collected, static_cast<uint32_t>(GPS_GSV_STAGING_CAPACITY));
+  EXPECT_EQ(infos_.sat_view_count, 0u);
+}
+
+TEST_F(NmeaParserTest, RmcDateTtffAndModuleReset) {
+  FeedReceiver("$GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,230915,,,A*57\r\n");
+  EXPECT_EQ(Field(infos_.date), "23/09/2015");
+  FeedReceiver("$GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,010100,,,A*57\r\n");
+  EXPECT_EQ(Field(infos_.date), "01/01/2000");
+
+  uint32_t ttff = 0;
+  FeedReceiver("$GPTTFF,12,34*00\r\n");
+  std::memcpy(&ttff, infos_.nav_status + 8, 4);
+  EXPECT_EQ(ttff, 34u);
+  FeedReceiver("$GPTTFF,12,*00\r\n");
+  std::memcpy(&ttff, infos_.nav_status + 8, 4);
+  EXPECT_EQ(ttff, 0u);
+
+  const int fd = eventfd(0, EFD_NONBLOCK);
+  gps_private_info.listeners[0] = {static_cast<uint16_t>(fd), GPS_EVENT_MODULE_RESET};
+  gps_private_info.listener_count = 1;
+  FeedReceiver("$GPTXT,01,01,02,Resetting GPS*6D\r\n");
+  uint64_t count = 0;
+  EXPECT_EQ(read(fd, &count, sizeof count), 8);
+  FeedReceiver("$GPTXT,01,01,02,Resetting GPS later*6D\r\n");
+  EXPECT_EQ(read(fd, &count, sizeof count), -1) << "only the exact text announces a reset";
+  gps_private_info.listener_count = 0;
+  close(fd);
+}
+
+}  // namespace
