@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <unistd.h>
 
 #include "platform/root.h"
 #include "platform/settings.h"
@@ -14,11 +15,18 @@
 namespace {
 
 // A temporary platform root, removed on exit, for runs that did not name one.
+// It lives in memory when it can: the engine commits the last fix to its
+// parameters file with fsync, which a throwaway root does not need to pay for.
 class TemporaryRoot {
  public:
   TemporaryRoot() {
     if (const char* env = std::getenv("GPS_PLATFORM_ROOT"); env && *env) return;
-    std::string pattern = (std::filesystem::temp_directory_path() / "gps-replay.XXXXXX").string();
+    std::error_code error;
+    const std::filesystem::path base =
+        std::filesystem::is_directory("/dev/shm", error) && access("/dev/shm", W_OK) == 0
+            ? std::filesystem::path("/dev/shm")
+            : std::filesystem::temp_directory_path();
+    std::string pattern = (base / "gps-replay.XXXXXX").string();
     if (!mkdtemp(pattern.data())) return;
     path_ = pattern;
     setenv("GPS_PLATFORM_ROOT", path_.c_str(), 1);
