@@ -16,10 +16,14 @@ inline void Store(gps_message_t* m, uint8_t byte) {
   if (m->length < GPS_FRAME_BUFFER_BYTES) m->buffer[m->length++] = byte;
 }
 
+// The buffer reads as zeros behind every message. Bytes are only ever written
+// below `length` (and at index 0 by the idle state), so clearing what the
+// previous message wrote restores an all-zero buffer.
 inline void Start(gps_message_t* m, uint32_t type, uint8_t byte) {
+  const uint32_t written = m->length > GPS_FRAME_BUFFER_BYTES ? GPS_FRAME_BUFFER_BYTES : m->length;
+  std::memset(m->buffer, 0, written > 0 ? written : 1);
   m->type = type;
   m->length = 1;
-  std::memset(m->buffer, 0, sizeof m->buffer);
   m->buffer[0] = byte;
 }
 
@@ -143,8 +147,26 @@ void analyze_gps(gps_private_info_t* infos, gps_message_t* message, const uint8_
   // afresh; the modem's stream is cut anywhere and carries over.
   if (infos->module_type == GPS_MODULE_TYPE_UBX_G7020 || infos->module_type == GPS_MODULE_TYPE_UBX_M8030)
     message->state = FRAME_STATE_IDLE;
-  for (uint32_t i = 0; i < count; ++i) {
-    if (gps_message_feed(message, data[i])) DispatchMessage(infos, message);
+  uint32_t i = 0;
+  while (i < count) {
+    if (message->state == FRAME_STATE_NMEA) {
+      // Inside a sentence every byte up to the line feed is stored (as long as
+      // the buffer has room), so the body is taken in one step rather than
+      // through the handler byte by byte.
+      const uint8_t* lf = static_cast<const uint8_t*>(std::memchr(data + i, '\n', count - i));
+      const uint32_t end = lf ? static_cast<uint32_t>(lf - data) + 1 : count;
+      const uint32_t room = GPS_FRAME_BUFFER_BYTES - message->length;
+      const uint32_t take = end - i < room ? end - i : room;
+      std::memcpy(message->buffer + message->length, data + i, take);
+      message->length += take;
+      i = end;
+      if (lf) {
+        message->state = FRAME_STATE_IDLE;
+        DispatchMessage(infos, message);
+      }
+      continue;
+    }
+    if (gps_message_feed(message, data[i++])) DispatchMessage(infos, message);
   }
 }
 

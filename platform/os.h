@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "platform/log_state.h"
+
 // Ticks of 10 ms since an arbitrary origin; wraps at 32 bits.
 uint32_t OS_rtc_GetTickCounter(void);
 
@@ -13,5 +15,11 @@ uint32_t OS_rtc_GetTickCounter(void);
 void Sys_log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // True when a line of this level would be written. Callers with expensive
-// output (hex dumps, record dumps) test this first.
-bool Sys_log_IsEnabled(int level);
+// output (hex dumps, record dumps) test this first. Inline: it guards every
+// trace line of the stream path.
+bool Sys_log_IsEnabledSlow(int level);
+inline bool Sys_log_IsEnabled(int level) {
+  const int threshold = gps::platform::detail::logThreshold.load(std::memory_order_relaxed);
+  if (threshold == gps::platform::detail::kUnsetThreshold) return Sys_log_IsEnabledSlow(level);
+  return level <= threshold;
+}

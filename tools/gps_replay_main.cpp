@@ -2,6 +2,7 @@
 // analysers and prints what it learned as JSON lines.
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -58,7 +59,10 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   TemporaryRoot root;
-  // A tool run from a shell reports to its terminal, not to the system log.
+  // A tool run from a shell reports to its terminal, not to the system log,
+  // and a batch run does not need a system call per log line.
   gps::platform::SetLogTarget(gps::platform::LogTarget::Stderr);
+  static char stderrBuffer[1 << 16];
+  std::setvbuf(stderr, stderrBuffer, _IOFBF, sizeof stderrBuffer);
   return gps::replay::Run(options, stdout, stderr);
 }

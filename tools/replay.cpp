@@ -141,6 +141,26 @@ struct Replay {
     return used;
   }
 
+  // Skips the leading lines that start with '#' (a capture's header); returns
+  // how many bytes of `bytes` belong to it.
+  size_t SkipHeader(std::span<const uint8_t> bytes) {
+    size_t at = 0;
+    while (inHeader && at < bytes.size()) {
+      if (!skippingLine) {
+        if (bytes[at] != '#') {
+          inHeader = false;
+          break;
+        }
+        skippingLine = true;
+      }
+      const void* lf = std::memchr(bytes.data() + at, '\n', bytes.size() - at);
+      if (!lf) return bytes.size();
+      at = static_cast<size_t>(static_cast<const uint8_t*>(lf) - bytes.data()) + 1;
+      skippingLine = false;
+    }
+    return at;
+  }
+
   int ReplayFile(const std::string& name, std::FILE* errors) {
     const bool isStdin = name == "-";
     const int fd = isStdin ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
@@ -148,49 +168,32 @@ struct Replay {
       std::fprintf(errors, "gps-replay: cannot open %s: %s\n", name.c_str(), std::strerror(errno));
       return 2;
     }
-    std::vector<uint8_t> pending;
-    pending.reserve(kReadBytes + platform::kMaxDeviceChunk);
-    bool inHeader = true;    // leading lines that start with '#'
-    bool skippingLine = false;
+    // What Deliver leaves is at most one incomplete message, shorter than a chunk.
+    std::vector<uint8_t> buffer(kReadBytes + platform::kMaxDeviceChunk);
+    size_t pending = 0;
+    inHeader = true;
+    skippingLine = false;
     int result = 0;
     for (;;) {
-      const size_t old = pending.size();
-      pending.resize(old + kReadBytes);
-      const ssize_t got = ::read(fd, pending.data() + old, kReadBytes);
-      if (got < 0 && errno == EINTR) {
-        pending.resize(old);
-        continue;
-      }
+      const ssize_t got = ::read(fd, buffer.data() + pending, kReadBytes);
+      if (got < 0 && errno == EINTR) continue;
       if (got < 0) {
         std::fprintf(errors, "gps-replay: cannot read %s: %s\n", name.c_str(), std::strerror(errno));
-        pending.resize(old);
         result = 2;
         break;
       }
-      pending.resize(old + static_cast<size_t>(got));
       if (got == 0) break;
-      size_t start = 0;
-      while (inHeader && start < pending.size()) {
-        if (!skippingLine) {
-          if (pending[start] != '#') {
-            inHeader = false;
-            break;
-          }
-          skippingLine = true;
-        }
-        const void* lf = std::memchr(pending.data() + start, '\n', pending.size() - start);
-        if (!lf) {
-          start = pending.size();
-          break;
-        }
-        start = static_cast<size_t>(static_cast<const uint8_t*>(lf) - pending.data()) + 1;
-        skippingLine = false;
+      size_t begin = pending;
+      begin += SkipHeader({buffer.data() + begin, static_cast<size_t>(got)});
+      if (begin > pending) {
+        std::memmove(buffer.data() + pending, buffer.data() + begin, pending + static_cast<size_t>(got) - begin);
       }
-      if (start > 0) pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(start));
-      const size_t used = Deliver(pending, false);
-      pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(used));
+      const size_t filled = pending + static_cast<size_t>(got) - (begin - pending);
+      const size_t used = Deliver({buffer.data(), filled}, false);
+      pending = filled - used;
+      std::memmove(buffer.data(), buffer.data() + used, pending);
     }
-    Deliver(pending, true);
+    if (result == 0) Deliver({buffer.data(), pending}, true);
     if (!isStdin) ::close(fd);
     return result;
   }
@@ -220,6 +223,8 @@ struct Replay {
   }
 
   gps_message_t frame;
+  bool inHeader = true;      // still in the leading '#' lines of a file
+  bool skippingLine = false; // inside one of them
 };
 
 }  // namespace

@@ -93,7 +93,7 @@ void PublishTracePath(gps_private_info_t* infos, const char* path) {
 
 }  // namespace
 
-void lib_GPS_Trace(int level, const char* format, ...) {
+void lib_GPS_TraceLine(int level, const char* format, ...) {
   if (traces_released.load(std::memory_order_relaxed) || !Sys_log_IsEnabled(level)) return;
   TraceLockGuard guard;
   char text[kWorkBufferBytes] = {};
