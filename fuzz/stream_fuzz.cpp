@@ -4,8 +4,13 @@
 // splitter that the u-blox driver uses is checked on the same bytes.
 //
 // Input layout (missing header bytes count as zero):
-//   [0]     module type: even -> 2 (u-blox UBX-M8030, framing restarts at
-//           every chunk), odd -> 3 (GPRS modem, framing carries over)
+//   [0]     bit 0, module type: 0 -> 2 (u-blox UBX-M8030, framing restarts
+//           at every chunk), 1 -> 3 (GPRS modem, framing carries over);
+//           bit 1, expert mode; bits 2-3, the assistance mode (0 to 3), which
+//           a version answer in the stream puts to work
+// Every input has assistance data loaded (AID-ALPSRV requests of any offset
+// and size are served from it); the receiver itself stays closed, so answers
+// and configuration frames are built but not written anywhere.
 //   [1]     chunk plan, modulo 3: 0 fixed size, 1 pseudo-random sizes up to
 //           the limit, 2 message-aligned (WholeMessagesPrefix, as the u-blox
 //           driver reads)
@@ -24,6 +29,7 @@
 #include <span>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "engine/gps_geolocating.h"
 #include "engine/gps_private_info.h"
@@ -33,6 +39,7 @@
 #include "platform/message_align.h"
 #include "platform/root.h"
 #include "platform/settings.h"
+#include "assist/assistnow.h"
 #include "transport/gps_trace.h"
 
 namespace {
@@ -103,7 +110,11 @@ size_t CheckedPrefix(std::span<const uint8_t> bytes, size_t limit) {
   return prefix;
 }
 
+// A little more than the 131072 bytes the served-block bitmaps cover.
+constexpr uint32_t kAssistanceBytes = 136 * 1024;
+
 void ResetEngine(uint32_t moduleType) {
+  lib_GPS_FreeAssistanceData(&gps_private_info);
   std::memset(&gps_private_info, 0, sizeof gps_private_info);
   gps_private_info.module_type = moduleType;
   gps_private_info.com_gps = GPS_INVALID_HANDLE;
@@ -114,6 +125,17 @@ void ResetEngine(uint32_t moduleType) {
   // starts from the file as it was read at start-up.
   std::memcpy(&gps_parameters, &g_restoredParameters, sizeof gps_parameters);
   gps_message_init(&g_frame);
+  // Owned by the record, as the loaders leave it: the engine frees it itself
+  // when the stream switches assistance off.
+  static const std::vector<uint8_t> pattern = [] {
+    std::vector<uint8_t> bytes(kAssistanceBytes);
+    for (uint32_t i = 0; i < kAssistanceBytes; ++i) bytes[i] = static_cast<uint8_t>(i * 31);
+    return bytes;
+  }();
+  gps_private_info.alp_data = new uint8_t[kAssistanceBytes];
+  std::memcpy(gps_private_info.alp_data, pattern.data(), kAssistanceBytes);
+  gps_private_info.alp_size = kAssistanceBytes;
+  gps_private_info.alp_file_id = 0xFECA;
 }
 
 void Feed(std::span<const uint8_t> chunk) {
@@ -172,6 +194,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   g_tickStep = header[4] * kTickStepScale;
 
   ResetEngine(moduleType);
+  gps_private_info.expertModeIsEnabled = (header[0] >> 1) & 1;
+  gps_private_info.assistnow = (header[0] >> 2) & 3;
   CheckedPrefix(stream, limit);
 
   uint32_t random = (limitField << 8) ^ header[1] ^ 0x9E3779B9u;
@@ -196,5 +220,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   QueryFix();
+  lib_GPS_FreeAssistanceData(&gps_private_info);
   return 0;
 }

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <ctime>
+#include <dirent.h>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
@@ -250,6 +252,69 @@ int FILE_FS_close(FILE_FS_HANDLE file) {
   if (file->fd >= 0) ::close(file->fd);
   delete file;
   return result;
+}
+
+struct FILE_FS_Dir {
+  std::vector<FILE_FS_DirEntry> entries;
+  size_t next = 0;
+};
+
+namespace {
+
+bool MakeEntry(const std::string& path, const std::string& name, FILE_FS_DirEntry& entry) {
+  struct stat st{};
+  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  // Files being committed are not part of the listing.
+  if (name.find(".tmp-") != std::string::npos || name.size() >= sizeof entry.name) return false;
+  entry = {};
+  std::memcpy(entry.name, name.c_str(), name.size() + 1);
+  entry.size = st.st_size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(st.st_size);
+  entry.modifiedTime = st.st_mtime;
+  tm local{};
+  const time_t modified = st.st_mtime;
+  localtime_r(&modified, &local);
+  entry.day = static_cast<uint8_t>(local.tm_mday);
+  entry.month = static_cast<uint8_t>(local.tm_mon + 1);
+  entry.year = static_cast<uint8_t>(local.tm_year % 100);
+  return true;
+}
+
+}  // namespace
+
+FILE_FS_DIR_HANDLE FILE_FS_opendir(const char* path) {
+  if (!path) return nullptr;
+  const auto real = gps::platform::DiskPath(path);
+  if (!real) return nullptr;
+  struct stat st{};
+  if (::stat(real->c_str(), &st) != 0) return nullptr;
+  auto dir = std::make_unique<FILE_FS_Dir>();
+  if (S_ISREG(st.st_mode)) {
+    FILE_FS_DirEntry entry;
+    const size_t slash = real->rfind('/');
+    if (MakeEntry(*real, real->substr(slash + 1), entry)) dir->entries.push_back(entry);
+    return dir.release();
+  }
+  if (!S_ISDIR(st.st_mode)) return nullptr;
+  DIR* listing = ::opendir(real->c_str());
+  if (!listing) return nullptr;
+  while (const dirent* item = ::readdir(listing)) {
+    FILE_FS_DirEntry entry;
+    if (MakeEntry(*real + "/" + item->d_name, item->d_name, entry)) dir->entries.push_back(entry);
+  }
+  ::closedir(listing);
+  return dir.release();
+}
+
+int FILE_FS_readdir(FILE_FS_DIR_HANDLE dir, FILE_FS_DirEntry* entry) {
+  if (!dir || !entry || dir->next >= dir->entries.size()) return FILE_FS_READDIR_END;
+  *entry = dir->entries[dir->next++];
+  return FILE_FS_READDIR_ENTRY;
+}
+
+int FILE_FS_closedir(FILE_FS_DIR_HANDLE dir) {
+  if (!dir) return -1;
+  delete dir;
+  return 0;
 }
 
 int32_t FILE_FS_AreaGetFreeSize(int /*area*/) {

@@ -51,6 +51,26 @@ size_t FILE_FS_write(const void* data, size_t size, size_t count, FILE_FS_HANDLE
 int FILE_FS_sync(FILE_FS_HANDLE file);   // commits pending writes; 0 or -1
 int FILE_FS_close(FILE_FS_HANDLE file);  // commits and releases; 0 or -1
 
+// Directory listings. A listing of a directory delivers its regular files; a
+// listing of a file path delivers that file alone.
+struct FILE_FS_DirEntry {
+  char name[64];
+  uint32_t size;          // bytes
+  uint8_t day;            // date of the file (its last modification), local time
+  uint8_t month;
+  uint8_t year;           // two digits
+  int64_t modifiedTime;   // seconds since the epoch
+};
+inline constexpr int FILE_FS_READDIR_ENTRY = 2;  // FILE_FS_readdir delivered an entry
+inline constexpr int FILE_FS_READDIR_END = 0;
+
+struct FILE_FS_Dir;
+using FILE_FS_DIR_HANDLE = FILE_FS_Dir*;
+
+FILE_FS_DIR_HANDLE FILE_FS_opendir(const char* path);  // nullptr when it cannot be listed
+int FILE_FS_readdir(FILE_FS_DIR_HANDLE dir, FILE_FS_DirEntry* entry);
+int FILE_FS_closedir(FILE_FS_DIR_HANDLE dir);
+
 // Free bytes of the file system holding the root, saturated to INT32_MAX;
 // -1 when it cannot be read.
 int32_t FILE_FS_AreaGetFreeSize(int area);

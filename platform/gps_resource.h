@@ -40,4 +40,23 @@ int GPS_SetPowerState(const gps_power_state_t* state);
 // A descriptor that becomes readable when receiver data may be ready, for the
 // engine thread's wait; -1 while the resource is closed or the device is gone.
 // It can change after a reopen, so ask again before each wait.
+//
+// It is an epoll set: readable while the powered receiver's line has bytes,
+// and while the driver still holds whole messages that did not fit the last
+// block, so one GPS_GetDeviceData per wake is enough and nothing waits for
+// the time-out. While the receiver is switched off it stays quiet whatever the
+// line carries. Readable can still mean "nothing whole yet" (length 0).
+//
+// While the device is gone (a serial adapter unplugged), each GPS_GetDeviceData
+// tries to reopen it at most once a second; the engine's periodic read is what
+// brings it back, and it sees nothing but a gap in the data.
+//
+// Power: GPS_SetPowerState off stops delivery (input is drained and dropped)
+// and puts a serial receiver into backup mode (UBX-RXM-PMREQ); on wakes it
+// with bytes on its input line and resumes delivery. Delivery starts only
+// with the first power-on. The requested state outlives close, reopen and a
+// device that goes and comes back.
+//
+// The embedded simulator (device "sim") also reads [sim] ttff_ms (time to
+// first fix), ant_off_polarity (0/1) and alp_file from platform.ini.
 int GPS_GetResourceDescriptor(void);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <span>
 #include <unistd.h>
 
@@ -38,25 +39,36 @@ class JsonLine {
   }
   void String(const char* key, const char* value, size_t capacity) {
     Key(key);
-    line_ += '"';
+    Quote(line_, value, capacity);
+  }
+  // Appends a JSON string of at most `capacity` characters of a C text.
+  static void Quote(std::string& out, const char* value, size_t capacity) {
+    out += '"';
     for (size_t i = 0; i < capacity && value[i] != '\0'; ++i) {
       const unsigned char c = static_cast<unsigned char>(value[i]);
       if (c == '"' || c == '\\') {
-        line_ += '\\';
-        line_ += static_cast<char>(c);
+        out += '\\';
+        out += static_cast<char>(c);
       } else if (c < 0x20 || c >= 0x7F) {
         char escaped[8];
         std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-        line_ += escaped;
+        out += escaped;
       } else {
-        line_ += static_cast<char>(c);
+        out += static_cast<char>(c);
       }
     }
-    line_ += '"';
+    out += '"';
   }
   void Number(const char* key, uint64_t value) {
     Key(key);
     line_ += std::to_string(value);
+  }
+  void Decimal(const char* key, double value, int decimals) {
+    Key(key);
+    char number[40];
+    int n = std::snprintf(number, sizeof number, "%.*f", decimals, value);
+    while (n > 1 && number[n - 1] == '0' && number[n - 2] != '.') number[--n] = '\0';
+    line_ += number;
   }
   void Degrees(const char* key, const char* text) {
     Key(key);
@@ -81,15 +93,19 @@ class JsonLine {
 };
 
 struct Replay {
+  Replay(const Options& replayOptions, std::FILE* output) : options(replayOptions), out(output) {}
+
   const Options& options;
   std::FILE* out;
-  Totals totals;
+  Totals totals{};
   JsonLine json;
 
   void OnMessage(const gps_private_info_t* infos, const gps_message_t* message) {
     ++g_virtualTick;
     if (message->type == MESSAGE_TYPE_UBLOX) {
       ++totals.ubx;
+      ++ubxCounts[(message->ubx_class & 0xFF) << 8 | (message->ubx_id & 0xFF)];
+      if (message->ubx_class == 0x01 && message->ubx_id == 0x07 && !options.quiet) WriteNavPvt(message);
       return;
     }
     if (message->type != MESSAGE_TYPE_NMEA) return;
@@ -109,6 +125,25 @@ struct Replay {
     json.String("hdop", infos->hdop, sizeof infos->hdop);
     json.Degrees("lat", infos->latitude);
     json.Degrees("lon", infos->longitude);
+    json.Write(out);
+  }
+
+  // NAV-PVT: time of day, fix type, position [1e-7 deg] and height above
+  // mean sea level [mm], from the frame's payload.
+  void WriteNavPvt(const gps_message_t* message) {
+    const uint8_t* p = message->buffer + 6;
+    const auto i32 = [p](int at) {
+      return static_cast<int32_t>(static_cast<uint32_t>(p[at]) | static_cast<uint32_t>(p[at + 1]) << 8 |
+                                  static_cast<uint32_t>(p[at + 2]) << 16 | static_cast<uint32_t>(p[at + 3]) << 24);
+    };
+    char time[16];
+    std::snprintf(time, sizeof time, "%02u:%02u:%02u", p[8] % 100u, p[9] % 100u, p[10] % 100u);
+    json.String("event", "nav_pvt", 7);
+    json.String("time", time, sizeof time);
+    json.Number("fixType", p[20]);
+    json.Decimal("lat", i32(28) * 1e-7, 7);
+    json.Decimal("lon", i32(24) * 1e-7, 7);
+    json.Decimal("hMSL", i32(36) / 1000.0, 3);
     json.Write(out);
   }
 
@@ -219,10 +254,40 @@ struct Replay {
     for (const auto& sat : infos.sat_prn_1_32) add(sat);
     for (const auto& sat : infos.sat_prn_33_64) add(sat);
     json.Raw("]");
+    json.String("sw_version", infos.sw_version, sizeof infos.sw_version);
+    json.String("hw_version", infos.hw_version, sizeof infos.hw_version);
+    json.Key("ext_version");
+    json.Raw("[");
+    for (size_t k = 0; k < 4 && infos.ext_version[k][0] != '\0'; ++k) {
+      if (k > 0) json.Raw(",");
+      std::string text;
+      JsonLine::Quote(text, infos.ext_version[k], sizeof infos.ext_version[k]);
+      json.Raw(text.c_str());
+    }
+    json.Raw("]");
+    if (infos.mon_hw_tick != 0) {
+      json.Key("mon_hw");
+      char hw[128];
+      std::snprintf(hw, sizeof hw, "{\"noisePerMS\":%u,\"agcCnt\":%u,\"jamInd\":%u}", infos.noise_per_ms,
+                    infos.agc_count, infos.jamming_indicator);
+      json.Raw(hw);
+    }
+    json.Key("ubx_messages");
+    json.Raw("{");
+    bool firstCount = true;
+    for (const auto& [key, count] : ubxCounts) {
+      char item[48];
+      std::snprintf(item, sizeof item, "%s\"0x%02X 0x%02X\":%llu", firstCount ? "" : ",", key >> 8, key & 0xFF,
+                    static_cast<unsigned long long>(count));
+      json.Raw(item);
+      firstCount = false;
+    }
+    json.Raw("}");
     json.Write(out);
   }
 
   gps_message_t frame;
+  std::map<uint32_t, uint64_t> ubxCounts;  // (class << 8 | id) -> frames
   bool inHeader = true;      // still in the leading '#' lines of a file
   bool skippingLine = false; // inside one of them
 };
@@ -247,7 +312,7 @@ bool NmeaCoordinateToDegrees(const char* text, double& degrees) {
 }
 
 int Run(const Options& options, std::FILE* out, std::FILE* errors, Totals* totals) {
-  Replay replay{options, out, {}, {}, {}};
+  Replay replay(options, out);
   gps_message_init(&replay.frame);
 
   std::memset(&gps_private_info, 0, sizeof gps_private_info);

@@ -19,7 +19,8 @@ using nlohmann::json;
 struct Tpv {
   double lat;
   double lon;
-  std::optional<double> altMsl;
+  std::optional<double> altMsl;      // the receiver's own MSL altitude (GGA-made reports)
+  std::optional<double> anyAltMsl;   // whatever the decoder reported
 };
 
 // Runs a command and returns its standard output and exit status.
@@ -59,12 +60,13 @@ std::multimap<std::string, Tpv> ReadReports(const fs::path& chk) {
     const std::string time = tpv["time"];
     const size_t t = time.find('T');
     if (t == std::string::npos || time.size() < t + 9) continue;
-    Tpv report{tpv["lat"], tpv["lon"], std::nullopt};
+    Tpv report{tpv["lat"], tpv["lon"], std::nullopt, std::nullopt};
     // Only reports made from a GGA sentence (they carry its geoid separation)
     // state the receiver's own MSL altitude; those made from UBX solutions
     // carry the decoder's geoid model instead.
     if (tpv.contains("altMSL") && tpv.contains("geoidSep") && !tpv.contains("ecefx"))
       report.altMsl = tpv["altMSL"].get<double>();
+    if (tpv.contains("altMSL")) report.anyAltMsl = tpv["altMSL"].get<double>();
     reports.emplace(time.substr(t + 1, 8), report);
   }
   return reports;
@@ -138,6 +140,59 @@ INSTANTIATE_TEST_SUITE_P(Captures, ReplayGolden, testing::ValuesIn(Captures()),
                            return name;
                          });
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(ReplayGolden);
+
+// NAV-PVT lines against the decoder's reports of the same second. Where the
+// decoder made its reports from NAV-PVT they agree to 1e-7 degree and 1 mm;
+// where it made them from GGA only (5-decimal minutes, 0.1 m) they agree to
+// that resolution. Some seconds have only reports made from other messages.
+TEST(ReplayGoldenNavPvt, PositionsAgreeWithIndependentDecoder) {
+  const struct {
+    const char* capture;
+    int lines;
+    int agreeing;
+    double degrees, metres;
+  } cases[] = {
+      {"ublox-neo-m8n.log", 24, 22, 1e-7, 1e-3},
+      {"ublox8-uniqid-monhw.log", 7, 6, 1e-7, 1e-3},
+      {"ublox-zed-f9r.log", 19, 18, 2e-7, 0.05},  // its first second has no report
+  };
+  for (const auto& c : cases) {
+    const fs::path capture = fs::path(GPS_CAPTURES_DIR) / c.capture;
+    if (!fs::exists(capture)) GTEST_SKIP() << "captures not found at " << GPS_CAPTURES_DIR;
+    const auto reports = ReadReports(capture.string() + ".chk");
+    const auto [output, status] = RunCommand(std::string(GPS_REPLAY_BINARY) + " '" + capture.string() + "' 2>/dev/null");
+    ASSERT_EQ(status, 0);
+    int lines = 0;
+    int agreeing = 0;
+    for (const auto& line : JsonLines(output)) {
+      if (line["event"] != "nav_pvt") continue;
+      ++lines;
+      const auto [first, last] = reports.equal_range(line["time"].get<std::string>());
+      agreeing += std::any_of(first, last, [&](const auto& report) {
+        const Tpv& r = report.second;
+        return std::abs(r.lat - line["lat"].get<double>()) <= c.degrees &&
+               std::abs(r.lon - line["lon"].get<double>()) <= c.degrees &&
+               (!r.anyAltMsl || std::abs(*r.anyAltMsl - line["hMSL"].get<double>()) <= c.metres);
+      });
+    }
+    EXPECT_EQ(lines, c.lines) << c.capture;
+    EXPECT_GE(agreeing, c.agreeing) << c.capture;
+  }
+}
+
+TEST(ReplayTool, SummaryCarriesReceiverIdentityAndUbxCounts) {
+  const fs::path capture = fs::path(GPS_CAPTURES_DIR) / "ublox8-uniqid-monhw.log";
+  if (!fs::exists(capture)) GTEST_SKIP() << "captures not found at " << GPS_CAPTURES_DIR;
+  const auto [output, status] = RunCommand(std::string(GPS_REPLAY_BINARY) + " --quiet '" + capture.string() + "' 2>/dev/null");
+  ASSERT_EQ(status, 0);
+  const json summary = JsonLines(output).back();
+  EXPECT_EQ(summary["sw_version"], "ROM CORE 3.01 (107888)");
+  EXPECT_EQ(summary["hw_version"], "00080000");
+  EXPECT_EQ(summary["ext_version"].size(), 4u);
+  EXPECT_EQ(summary["ubx_messages"]["0x01 0x07"], 7);
+  EXPECT_EQ(summary["ubx_messages"]["0x0A 0x04"], 4);
+  EXPECT_FALSE(summary.contains("mon_hw")) << "its only MON-HW frame is cut off by the end of the capture";
+}
 
 TEST(ReplayTool, NeoM8nGivesTwentyThreeFixesAndSatellites) {
   const fs::path capture = fs::path(GPS_CAPTURES_DIR) / "neo-m8n.log";

@@ -1,0 +1,37 @@
+// A pseudo-terminal standing in for a serial receiver: the GPS resource driver
+// opens its slave side (written into platform.ini as the device), the test
+// reads what the engine sent from the master side and can answer through it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/support/test_env.h"
+
+namespace gps::test {
+
+class PtyReceiver {
+ public:
+  // Writes $ROOT/platform.ini naming the slave as the u-blox device.
+  explicit PtyReceiver(const TempRoot& root, int moduleType = 2);
+  ~PtyReceiver();
+  PtyReceiver(const PtyReceiver&) = delete;
+  PtyReceiver& operator=(const PtyReceiver&) = delete;
+
+  const std::string& slavePath() const { return slave_; }
+  // Everything the engine sent, waiting up to `quietMs` after the last byte.
+  std::string Drain(int quietMs = 100);
+  // Whole UBX frames in what Drain returns (other bytes are skipped).
+  std::vector<std::string> DrainFrames(int quietMs = 100);
+  void Send(const std::string& bytes);
+
+ private:
+  int master_ = -1;
+  std::string slave_;
+};
+
+// Splits a byte string into whole UBX frames.
+std::vector<std::string> SplitUbxFrames(const std::string& bytes);
+
+}  // namespace gps::test

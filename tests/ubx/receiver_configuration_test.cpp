@@ -1,0 +1,113 @@
+// The engine configuring a simulated receiver over a real serial line: the
+// driver opens the slave side of a pseudo-terminal, the simulator serves the
+// master side and records every frame it receives.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fcntl.h>
+#include <fstream>
+#include <stdlib.h>
+#include <termios.h>
+#include <thread>
+
+#include "engine/gps_private_info.h"
+#include "nmea/gps_framer.h"
+#include "param/gps_parameters.h"
+#include "platform/root.h"
+#include "sim/embedded_receiver.h"
+#include "tests/support/test_env.h"
+#include "ubx/ubx_codec.h"
+#include "ubx/ubx_config.h"
+
+namespace {
+
+using Kind = std::pair<int, int>;
+
+class ReceiverConfiguration : public testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(grantpt(master), 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    termios raw{};
+    tcgetattr(master, &raw);
+    cfmakeraw(&raw);
+    tcsetattr(master, TCSANOW, &raw);
+    std::ofstream(root_ / "platform.ini") << "[gps]\ndevice = " << ptsname(master) << "\n";
+    gps::platform::ReloadRoot();
+    gps::sim::EmbeddedOptions options;
+    options.startPowered = true;
+    std::string error;
+    receiver_ = gps::sim::EmbeddedReceiver::Start(master, options, &error);
+    ASSERT_TRUE(receiver_) << error;
+
+    gps::test::ResetEngine(2);
+    lib_GPS_param_RestorePersistentStorage();
+    gps_private_info.expertModeIsEnabled = GetParam() ? 1 : 0;
+    ASSERT_EQ(lib_GPS_ubx_OpenResource(&gps_private_info), 0);
+    lib_GPS_ubx_ChangePowerState(&gps_private_info, 1);
+  }
+  void TearDown() override {
+    lib_GPS_ubx_CloseResource(&gps_private_info);
+    receiver_.reset();
+  }
+
+  // Reads and analyses the receiver's stream until `done` holds or 5 s pass.
+  template <typename Done>
+  bool RunEngineUntil(Done done) {
+    gps_message_t frame;
+    gps_message_init(&frame);
+    uint8_t buffer[2176];
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (std::chrono::steady_clock::now() < deadline) {
+      const int n = lib_GPS_ubx_ReadDataFromDevice(&gps_private_info, buffer, sizeof buffer);
+      if (n > 0) analyze_gps(&gps_private_info, &frame, buffer, static_cast<uint32_t>(n));
+      if (done()) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  std::vector<Kind> RecordedKinds() const {
+    std::vector<Kind> kinds;
+    for (const auto& f : receiver_->ReceivedFrames()) kinds.emplace_back(f[2], f[3]);
+    return kinds;
+  }
+
+  gps::test::TempRoot root_;
+  std::unique_ptr<gps::sim::EmbeddedReceiver> receiver_;
+};
+
+TEST_P(ReceiverConfiguration, VersionAnswerIsFollowedByTheConfigurationSequence) {
+  lib_GPS_ubx_PollVersion(&gps_private_info);
+  ASSERT_TRUE(RunEngineUntil([] { return gps_private_info.module_config_state == 2; })) << "no MON-VER answer";
+  EXPECT_STREQ(gps_private_info.hw_version, "00080000");
+  const size_t expected = GetParam() ? 14 : 9;
+  ASSERT_TRUE(RunEngineUntil([&] { return receiver_->ReceivedFrames().size() >= expected; }));
+
+  std::vector<Kind> sequence = {{0x0A, 0x04}, {0x0A, 0x0D}, {0x06, 0x41}, {0x06, 0x01},
+                                {0x06, 0x01}, {0x06, 0x01}, {0x06, 0x01}};
+  if (GetParam()) sequence.insert(sequence.end(), {{0x06, 0x23}, {0x06, 0x01}, {0x06, 0x01}, {0x06, 0x01}, {0x06, 0x11}});
+  sequence.insert(sequence.end(), {{0x06, 0x3B}, {0x06, 0x11}});
+  EXPECT_EQ(RecordedKinds(), sequence);
+  const auto frames = receiver_->ReceivedFrames();
+  for (const auto& f : frames) {
+    uint8_t a = 0, b = 0;
+    for (size_t i = 2; i + 2 < f.size(); ++i) a = static_cast<uint8_t>(a + f[i]), b = static_cast<uint8_t>(b + a);
+    EXPECT_EQ(f[f.size() - 2], a) << "checksum";
+    EXPECT_EQ(f[f.size() - 1], b) << "checksum";
+  }
+  EXPECT_EQ(frames[3][6], 0x0A);
+  EXPECT_EQ(frames[3][7], 0x09);
+
+  // The receiver now reports the period it was given.
+  gps_private_info.fix_update_period_ms = 0;
+  lib_GPS_ubx_PollFixUpdatePeriodConfiguration(&gps_private_info);
+  EXPECT_TRUE(RunEngineUntil([] { return gps_private_info.fix_update_period_ms == 1000; }));
+}
+
+INSTANTIATE_TEST_SUITE_P(StandardAndExpert, ReceiverConfiguration, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& info) { return info.param ? "Expert" : "Standard"; });
+
+}  // namespace

@@ -1,0 +1,161 @@
+// ubx-sim: the simulated u-blox receiver on a pseudo-terminal, for the
+// service (device = a serial path) or any serial tool to talk to.
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "sim/runner.h"
+#include "sim/setup.h"
+
+namespace {
+
+constexpr const char* kScenarioHelp = R"(Scenario file (--scenario): one directive per line, '#' starts a comment.
+  point LAT LON [ALT]   way point in degrees (north/east positive), metres above
+                        mean sea level; a single point is a fixed position
+  speed MPS             ground speed along the way points (default 10 m/s)
+  loop yes|no           return to the first point after the last (default yes)
+  geoid METRES          geoid separation reported with the fix (default 47)
+  start YYYY-MM-DDTHH:MM:SSZ
+                        UTC time at start (default: the real clock)
+Without --scenario the receiver drives a 4.1 km loop through central Paris
+(48.8566 N 2.3522 E) at 10 m/s.
+
+The receiver starts powered, writes NMEA (RMC VTG GGA GSA GSV GLL) every fix
+period and answers UBX commands; SIGINT or SIGTERM removes the link and exits.)";
+
+std::string ErrnoText(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
+
+// A pseudo-terminal in raw mode: no echo, no line discipline, no CR LF
+// translation, so the client sees the receiver's bytes unchanged. Returns
+// the master (non-blocking) and the slave's path.
+int OpenRawPty(std::string* slavePath, std::string* error) {
+  const int master = posix_openpt(O_RDWR | O_NOCTTY);
+  if (master < 0) {
+    *error = ErrnoText("posix_openpt");
+    return -1;
+  }
+  char name[128];
+  if (grantpt(master) != 0 || unlockpt(master) != 0 || ptsname_r(master, name, sizeof name) != 0) {
+    *error = ErrnoText("pseudo-terminal set-up");
+    close(master);
+    return -1;
+  }
+  // The settings live as long as the master, across clients opening and
+  // closing the slave.
+  const int slave = open(name, O_RDWR | O_NOCTTY);
+  termios tio{};
+  if (slave < 0 || tcgetattr(slave, &tio) != 0) {
+    *error = ErrnoText(name);
+    if (slave >= 0) close(slave);
+    close(master);
+    return -1;
+  }
+  cfmakeraw(&tio);
+  tcsetattr(slave, TCSANOW, &tio);
+  close(slave);
+  fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
+  fcntl(master, F_SETFD, FD_CLOEXEC);
+  *slavePath = name;
+  return master;
+}
+
+// A stale symbolic link is replaced; anything else at `link` is left alone.
+bool CreateLink(const std::string& target, const std::string& link, std::string* error) {
+  struct stat st{};
+  if (lstat(link.c_str(), &st) == 0) {
+    if (!S_ISLNK(st.st_mode)) {
+      *error = "refusing to replace " + link + ": not a symbolic link";
+      return false;
+    }
+    if (unlink(link.c_str()) != 0) {
+      *error = ErrnoText(link.c_str());
+      return false;
+    }
+  }
+  if (symlink(target.c_str(), link.c_str()) != 0) {
+    *error = ErrnoText(link.c_str());
+    return false;
+  }
+  return true;
+}
+
+// Removes the link only while it still points at our slave.
+void RemoveLink(const std::string& target, const std::string& link) {
+  char buffer[256];
+  const ssize_t n = readlink(link.c_str(), buffer, sizeof buffer - 1);
+  if (n > 0 && std::string(buffer, static_cast<size_t>(n)) == target) unlink(link.c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"ubx-sim: a simulated u-blox M8-class GPS receiver on a pseudo-terminal"};
+  std::string link;
+  std::string model = "M8030";
+  gps::sim::EmbeddedOptions options;
+  options.startPowered = true;
+  app.add_option("--link", link, "Path of the symbolic link to the pseudo-terminal")->required();
+  app.add_option("--model", model, "Receiver model: M8030 or G7020")
+      ->check(CLI::IsMember({"M8030", "G7020"}))
+      ->capture_default_str();
+  app.add_option("--scenario", options.scenarioFile, "Scenario file (format below)");
+  app.add_option("--ttff-ms", options.ttffMs, "Time to first fix in ms")->capture_default_str();
+  app.add_flag("--ant-off-polarity", options.antOffPolarity, "Report bit 7 of llcGen set in MON-LLC");
+  app.add_option("--alp", options.alpFile, "AssistNow Offline file to check the host's ALP answers against");
+  app.footer(kScenarioHelp);
+  CLI11_PARSE(app, argc, argv);
+  options.model = model == "G7020" ? gps::sim::ReceiverModel::G7020 : gps::sim::ReceiverModel::M8030;
+
+  if (!options.alpFile.empty() && !std::ifstream(options.alpFile))
+    std::fprintf(stderr, "ubx-sim: cannot read %s: ALP answers are checked by size only\n", options.alpFile.c_str());
+
+  std::string error;
+  std::optional<gps::sim::Receiver> receiver = gps::sim::MakeReceiver(options, &error);
+  if (!receiver) {
+    std::fprintf(stderr, "ubx-sim: %s\n", error.c_str());
+    return 2;
+  }
+
+  // Signals are taken by sigwait below, so block them before any thread starts.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  std::string slavePath;
+  const int master = OpenRawPty(&slavePath, &error);
+  if (master < 0) {
+    std::fprintf(stderr, "ubx-sim: %s\n", error.c_str());
+    return 1;
+  }
+  if (!CreateLink(slavePath, link, &error)) {
+    std::fprintf(stderr, "ubx-sim: %s\n", error.c_str());
+    close(master);
+    return 1;
+  }
+  gps::sim::Runner runner(master, std::move(*receiver), gps::sim::RunnerOptions{slavePath});
+  if (!runner.Start(&error)) {
+    std::fprintf(stderr, "ubx-sim: %s\n", error.c_str());
+    RemoveLink(slavePath, link);
+    return 1;
+  }
+  std::printf("ubx-sim: %s receiver serving on %s (link %s)\n", model.c_str(), slavePath.c_str(), link.c_str());
+  std::fflush(stdout);
+
+  int signal = 0;
+  sigwait(&signals, &signal);
+  runner.Stop();
+  RemoveLink(slavePath, link);
+  return 0;
+}
