@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <stdlib.h>
 #include <termios.h>
@@ -23,9 +24,9 @@ namespace {
 
 using Kind = std::pair<int, int>;
 
-class ReceiverConfiguration : public testing::TestWithParam<bool> {
+class SimulatedSerialReceiver : public testing::Test {
  protected:
-  void SetUp() override {
+  void Start(bool expert, gps::sim::EmbeddedOptions options = {}) {
     const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_GE(master, 0);
     ASSERT_EQ(grantpt(master), 0);
@@ -36,7 +37,6 @@ class ReceiverConfiguration : public testing::TestWithParam<bool> {
     tcsetattr(master, TCSANOW, &raw);
     std::ofstream(root_ / "platform.ini") << "[gps]\ndevice = " << ptsname(master) << "\n";
     gps::platform::ReloadRoot();
-    gps::sim::EmbeddedOptions options;
     options.startPowered = true;
     std::string error;
     receiver_ = gps::sim::EmbeddedReceiver::Start(master, options, &error);
@@ -44,7 +44,7 @@ class ReceiverConfiguration : public testing::TestWithParam<bool> {
 
     gps::test::ResetEngine(2);
     lib_GPS_param_RestorePersistentStorage();
-    gps_private_info.expertModeIsEnabled = GetParam() ? 1 : 0;
+    gps_private_info.expertModeIsEnabled = expert ? 1 : 0;
     ASSERT_EQ(lib_GPS_ubx_OpenResource(&gps_private_info), 0);
     lib_GPS_ubx_ChangePowerState(&gps_private_info, 1);
   }
@@ -79,7 +79,10 @@ class ReceiverConfiguration : public testing::TestWithParam<bool> {
   std::unique_ptr<gps::sim::EmbeddedReceiver> receiver_;
 };
 
+class ReceiverConfiguration : public SimulatedSerialReceiver, public testing::WithParamInterface<bool> {};
+
 TEST_P(ReceiverConfiguration, VersionAnswerIsFollowedByTheConfigurationSequence) {
+  Start(GetParam());
   lib_GPS_ubx_PollVersion(&gps_private_info);
   ASSERT_TRUE(RunEngineUntil([] { return gps_private_info.module_config_state == 2; })) << "no MON-VER answer";
   EXPECT_STREQ(gps_private_info.hw_version, "00080000");
@@ -105,6 +108,37 @@ TEST_P(ReceiverConfiguration, VersionAnswerIsFollowedByTheConfigurationSequence)
   gps_private_info.fix_update_period_ms = 0;
   lib_GPS_ubx_PollFixUpdatePeriodConfiguration(&gps_private_info);
   EXPECT_TRUE(RunEngineUntil([] { return gps_private_info.fix_update_period_ms == 1000; }));
+}
+
+// AssistNow Offline end to end: the first block goes out with the
+// configuration, the receiver asks for further parts, the engine serves each
+// from the file and the receiver writes a block back.
+TEST_F(SimulatedSerialReceiver, OfflineAssistanceRequestsAreServedFromTheFile) {
+  std::filesystem::create_directories(root_ / "fs/HOST");
+  std::string alp(8192, '\0');
+  for (size_t i = 0; i < alp.size(); ++i) alp[i] = static_cast<char>(i * 7 + i / 256);
+  std::ofstream(root_ / "fs/HOST/current_14d.alp", std::ios::binary) << alp;
+  gps::sim::EmbeddedOptions options;
+  options.alpFile = root_ / "fs/HOST/current_14d.alp";
+  Start(false, options);
+  gps_private_info.assistnow = 2;
+
+  lib_GPS_ubx_PollVersion(&gps_private_info);
+  const auto answers = [this] {
+    std::vector<std::vector<uint8_t>> out;
+    for (const auto& f : receiver_->ReceivedFrames())
+      if (f[2] == 0x0B && f[3] == 0x32 && f[7] != 0x01) out.push_back(f);  // not the first block
+    return out;
+  };
+  ASSERT_TRUE(RunEngineUntil([&] { return answers().size() >= 3 && gps_private_info.alp_client_blocks[0] != 0; }))
+      << answers().size() << " answers";
+  for (const auto& answer : answers()) {
+    const uint32_t ofs = answer[8] | answer[9] << 8;
+    const uint32_t words = answer[10] | answer[11] << 8;
+    ASSERT_EQ(answer.size(), 8 + 16 + words * 2);
+    EXPECT_EQ(std::string(answer.begin() + 22, answer.end() - 2), alp.substr(ofs * 2, words * 2)) << "ofs " << ofs;
+    EXPECT_TRUE(gps_private_info.alp_served_blocks[ofs * 2 / 16 / 8] & (1 << (ofs * 2 / 16 % 8)));
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(StandardAndExpert, ReceiverConfiguration, testing::Bool(),
