@@ -18,13 +18,18 @@ std::once_flag g_syslogOpened;
 void WriteStderr(int level, const char* text) {
   timespec ts{};
   clock_gettime(CLOCK_REALTIME, &ts);
-  tm local{};
-  localtime_r(&ts.tv_sec, &local);
+  // The date and time change once a second; lines in between reuse them.
+  thread_local time_t cachedSecond = -1;
+  thread_local char cachedStamp[64];
+  if (ts.tv_sec != cachedSecond) {
+    tm local{};
+    localtime_r(&ts.tv_sec, &local);
+    std::snprintf(cachedStamp, sizeof cachedStamp, "%04d-%02d-%02d %02d:%02d:%02d", local.tm_year + 1900,
+                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    cachedSecond = ts.tv_sec;
+  }
   char line[1200];
-  const int prefix = std::snprintf(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d.%03ld <%d> ", local.tm_year + 1900,
-                                   local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                                   ts.tv_nsec / 1'000'000, level);
-  int n = prefix + std::snprintf(line + prefix, sizeof line - prefix - 1, "%s", text);
+  int n = std::snprintf(line, sizeof line - 1, "%s.%03ld <%d> %s", cachedStamp, ts.tv_nsec / 1'000'000, level, text);
   if (n > static_cast<int>(sizeof line) - 2) n = sizeof line - 2;
   line[n++] = '\n';
   // One stdio call per line keeps lines of the two threads whole; with the
