@@ -180,7 +180,7 @@ void analyze_gps_message_gxgsv(gps_private_info_t* infos, char** tokens, int cou
   lib_GPS_Unlock();
 }
 
-// $GPTXT,01,01,02,Resetting GPS*6D
+// $GPTXT,01,01,02,Resetting GPS*68
 void analyze_gps_message_gxtxt(gps_private_info_t* infos, char** tokens, int count) {
   lib_GPS_Trace(7, "analyze_gps_message_gxtxt");
   if (count > 3 && TextFieldEquals(tokens[3], "Resetting GPS")) {

@@ -107,7 +107,6 @@ void Receiver::Boot() {
   alpRequests_.clear();
   alp_.firstBlockReceived = false;
   alp_.complete = false;
-  alpWriteBackPending_ = false;
   RestartAcquisition();
 }
 
@@ -129,14 +128,14 @@ void Receiver::ResetMessageRates() {
   alp_.outputEnabled = false;
 }
 
-Receiver::RateEntry* Receiver::FindRate(uint8_t messageClass, uint8_t messageId) {
-  for (RateEntry& r : rates_)
+const Receiver::RateEntry* Receiver::FindRate(uint8_t messageClass, uint8_t messageId) const {
+  for (const RateEntry& r : rates_)
     if (r.messageClass == messageClass && r.messageId == messageId) return &r;
   return nullptr;
 }
 
-const Receiver::RateEntry* Receiver::FindRate(uint8_t messageClass, uint8_t messageId) const {
-  return const_cast<Receiver*>(this)->FindRate(messageClass, messageId);
+Receiver::RateEntry* Receiver::FindRate(uint8_t messageClass, uint8_t messageId) {
+  return const_cast<RateEntry*>(std::as_const(*this).FindRate(messageClass, messageId));
 }
 
 uint8_t Receiver::MessageRate(uint8_t messageClass, uint8_t messageId) const {
@@ -397,8 +396,7 @@ void Receiver::HandleCfg(const ubx::Frame& frame) {
         alp_.firstBlockReceived = false;
         alp_.complete = false;
         alpRequests_.clear();
-        alpWriteBackPending_ = false;
-      }
+            }
       RestartAcquisition();
       return;
     }
@@ -547,7 +545,7 @@ void Receiver::HandleAlpsrv(std::span<const uint8_t> p) {
 
   AlpRequest* request = nullptr;
   for (AlpRequest& candidate : alpRequests_)
-    if (candidate.ofsWords == ofs && candidate.lastSentMs && !candidate.served) request = &candidate;
+    if (candidate.ofsWords == ofs && candidate.lastSentMs) request = &candidate;
   const size_t expectedBytes = static_cast<size_t>(size) * 2;
   bool correct = request && type == kAlpTypeRequest && size == request->sizeWords && fileId == alp_.fileId &&
                  dataSize == expectedBytes && data.size() == expectedBytes && p[10] == request->id1 &&
@@ -561,6 +559,8 @@ void Receiver::HandleAlpsrv(std::span<const uint8_t> p) {
     ++alp_.answersWrong;
     return;
   }
+  // A request re-sent while its first answer was on the way gets two answers.
+  if (request->served) return;
   ++alp_.answersCorrect;
   request->served = true;
   keep(static_cast<size_t>(ofs) * 2);

@@ -180,7 +180,6 @@ class Receiver {
   AlpStatus alp_;
   std::vector<AlpRequest> alpRequests_;
   std::vector<uint8_t> alpReceived_;  // data bytes of the answers, at their offsets
-  bool alpWriteBackPending_ = false;
 
   std::vector<std::vector<uint8_t>> received_;
   std::vector<std::string> output_;

@@ -141,15 +141,4 @@ TEST_F(QueryTest, AResetAfterAFixKeepsTheTextsButQueriesSeeNoFix) {
   EXPECT_STREQ(lat_, "1111.11111N");
 }
 
-TEST_F(QueryTest, TtffCopiesTheNavigationStatus) {
-  gps_private_info.nav_status[8] = 0x34;
-  gps_private_info.nav_status[9] = 0x12;
-  gps_private_info.nav_status_tick = 777;
-  uint8_t status[16] = {};
-  uint32_t tick = 0;
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetTTFF(status, &tick), GEOLOCATING_GPS_ERROR_SUCCESS);
-  EXPECT_EQ(status[8] | status[9] << 8, 0x1234);
-  EXPECT_EQ(tick, 777u);
-}
-
 }  // namespace

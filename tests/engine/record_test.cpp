@@ -64,16 +64,4 @@ TEST(EngineRecord, NotifySignalsEachMatchingListenerOnce) {
   gps_private_info.listener_count = 0;
 }
 
-TEST(EngineRecord, CopyFieldBoundsAndPads) {
-  char field[8];
-  std::memset(field, 'x', sizeof field);
-  lib_GPS_CopyField(field, sizeof field, "abc");
-  EXPECT_STREQ(field, "abc");
-  for (size_t i = 3; i < sizeof field; ++i) EXPECT_EQ(field[i], '\0');
-  lib_GPS_CopyField(field, sizeof field, "abcdefghijkl");
-  EXPECT_STREQ(field, "abcdefg");
-  lib_GPS_CopyField(field, sizeof field, nullptr);
-  EXPECT_STREQ(field, "");
-}
-
 }  // namespace

