@@ -145,3 +145,40 @@ INSTANTIATE_TEST_SUITE_P(StandardAndExpert, ReceiverConfiguration, testing::Bool
                          [](const testing::TestParamInfo<bool>& info) { return info.param ? "Expert" : "Standard"; });
 
 }  // namespace
+
+namespace {
+
+// The daemon's default receiver: the embedded simulator behind the driver.
+TEST(EmbeddedSimulatorDevice, AnswersTheEngineWhilePoweredAndIsSilentWhenOff) {
+  gps::test::TempRoot root;
+  std::ofstream(root / "platform.ini") << "[gps]\ndevice = sim\n[sim]\nttff_ms = 500\n";
+  gps::platform::ReloadRoot();
+  gps::test::ResetEngine(2);
+  lib_GPS_param_RestorePersistentStorage();
+  ASSERT_EQ(lib_GPS_ubx_OpenResource(&gps_private_info), 0);
+  lib_GPS_ubx_ChangePowerState(&gps_private_info, 1);
+  lib_GPS_ubx_PollVersion(&gps_private_info);
+  gps_message_t frame;
+  gps_message_init(&frame);
+  uint8_t buffer[2176];
+  const auto readFor = [&](int ms) {
+    int bytes = 0;
+    for (const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+         std::chrono::steady_clock::now() < end && gps_private_info.fix_quality == 0;) {
+      const int n = lib_GPS_ubx_ReadDataFromDevice(&gps_private_info, buffer, sizeof buffer);
+      if (n > 0) analyze_gps(&gps_private_info, &frame, buffer, static_cast<uint32_t>(n)), bytes += n;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return bytes;
+  };
+  readFor(3000);
+  EXPECT_EQ(gps_private_info.module_config_state, 2u) << "version answered and receiver configured";
+  EXPECT_EQ(gps_private_info.fix_quality, 1) << "a fix after the simulator's time to first fix";
+  lib_GPS_ubx_ChangePowerState(&gps_private_info, 0);
+  readFor(100);  // what was under way
+  gps_private_info.fix_quality = 0;
+  EXPECT_EQ(readFor(1500), 0) << "silent while off";
+  lib_GPS_ubx_CloseResource(&gps_private_info);
+}
+
+}  // namespace
