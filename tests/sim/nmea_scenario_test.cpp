@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <tuple>
+#include <utility>
 
 #include "sim/scenario.h"
 
@@ -71,20 +72,17 @@ TEST(SimScenario, ParsesDirectivesAndRejectsMistakes) {
   EXPECT_EQ(std::make_tuple(s->speedMps(), s->loop(), s->geoidSeparationM()), std::make_tuple(1.5, false, -21.3));
   EXPECT_EQ(s->startUtcMs(), 1710763200000);
 
-  struct Bad {
-    const char* text;
-    const char* message;
-  } bad[] = {
+  const std::pair<const char*, const char*> bad[] = {  // text, message
       {"", "no point"},
       {"point 48.8 2.3\nhover 3\n", "line 2: unknown directive 'hover'"},
       {"point 48.8x 2.3\n", "line 1: point: not a number"},
       {"point 91 2.3\n", "line 1: point: out of range"},
       {"point 48 2\nstart 2024-03-18 12:00:00\n", "line 2: start needs YYYY-MM-DDTHH:MM:SSZ"},
   };
-  for (const Bad& b : bad) {
+  for (const auto& [text, message] : bad) {
     error.clear();
-    EXPECT_FALSE(Scenario::Parse(b.text, &error)) << b.text;
-    EXPECT_EQ(error, b.message);
+    EXPECT_FALSE(Scenario::Parse(text, &error)) << text;
+    EXPECT_EQ(error, message);
   }
 }
 

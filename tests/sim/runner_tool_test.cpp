@@ -16,7 +16,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <thread>
-#include <utility>
 
 #include "tests/sim/sim_test_support.h"
 
@@ -94,9 +93,11 @@ TEST(SimTool, ServesNmeaOnItsLinkUntilTerminated) {
     ~Tool() {
       if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
     }
-    int ExitStatus() {
-      int status = -1;
-      return waitpid(std::exchange(pid, -1), &status, 0) > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    int ExitStatus() {  // -1 when it has not exited normally within 3 s
+      int status = 0;
+      for (const auto end = Clock::now() + 3s; pid > 0 && Clock::now() < end; std::this_thread::sleep_for(20ms))
+        if (waitpid(pid, &status, WNOHANG) == pid) return pid = -1, WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      return -1;
     }
   };
 

@@ -33,7 +33,7 @@ struct UbxOut {
 struct Output {
   std::vector<std::string> nmea;  // without CR LF
   std::vector<UbxOut> ubx;
-  bool wellFormed = true;  // every checksum right, every sentence ends in CR LF
+  bool wellFormed = true;  // whole messages only, every checksum right
 
   std::vector<std::string> Sentences(const std::string& type) const {  // e.g. "GGA"
     std::vector<std::string> out;
@@ -52,7 +52,7 @@ struct Output {
 };
 
 // Splits a receiver stream into NMEA sentences and UBX frames, verifying
-// every checksum on the way.
+// every checksum and that nothing lies between them.
 inline Output Parse(const std::string& bytes) {
   Output out;
   for (size_t i = 0; i < bytes.size();) {
@@ -77,6 +77,7 @@ inline Output Parse(const std::string& bytes) {
       out.ubx.push_back({at(2), at(3), Bytes(payload, payload + static_cast<long>(length))});
       i += length + 8;
     } else {
+      out.wellFormed = false;  // a byte outside any sentence or frame
       ++i;
     }
   }
