@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 
 #include "engine/gps_geolocating.h"
 #include "engine/gps_private_info.h"
@@ -10,135 +11,123 @@
 
 namespace {
 
-constexpr uint32_t kCurrentOnly = GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX;
-constexpr uint32_t kOldFix = GEOLOCATING_GPS_ACCEPT_OLD_FIX;
+constexpr uint32_t kCurrent = GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX;
+constexpr uint32_t kOld = GEOLOCATING_GPS_ACCEPT_OLD_FIX;
+constexpr uint32_t kNoFix = 0xFFFFFFFF;  // age marker: no fix and no VTG at all
+
+using Query = std::function<int32_t(char* out, uint32_t* age, uint32_t flags)>;
+const Query kLatitude = [](char* out, uint32_t* age, uint32_t flags) {
+  char longitude[16];
+  return lib_GPS_Geolocating_GPS_GetPosition(longitude, out, age, flags);
+};
+const Query kAltitude = lib_GPS_Geolocating_GPS_GetAltitude;
+const Query kSpeed = lib_GPS_Geolocating_GPS_GetSpeedKMH;
 
 class QueryTest : public testing::Test {
  protected:
   void SetUp() override {
-    gps::test::ResetEngine(2);
     lib_GPS_param_RestorePersistentStorage();
+    Reset();
+  }
+  // A fresh record, and a last fix stored in the parameters.
+  void Reset() {
+    gps::test::ResetEngine(2);
     std::strcpy(gps_parameters.latitude, "1111.11111N");
-    std::strcpy(gps_parameters.longitude, "02222.22222E");
     std::strcpy(gps_parameters.altitude, "33.3");
     std::strcpy(gps_parameters.speedKmh, "4.4");
   }
-
   // A GGA fix and a VTG written `ageTicks` before now.
   void FixAged(uint32_t ageTicks) {
     lib_GPS_Lock();
     gps_private_info.fix_quality = 1;
     gps_private_info.fix_tick = ticks_.now() - ageTicks;
     std::strcpy(gps_private_info.latitude, "4404.14063N");
-    std::strcpy(gps_private_info.longitude, "12118.85478W");
     std::strcpy(gps_private_info.altitude, "1147.2");
     gps_private_info.vtg_mode = 'A';
     gps_private_info.course_speed_tick = ticks_.now() - ageTicks;
     std::strcpy(gps_private_info.speed_kmh, "0.216");
     lib_GPS_Unlock();
   }
-
   gps::test::TempRoot root_;
   gps::test::ManualTicks ticks_{500000};
-  char lat_[16] = "untouched";
-  char lon_[16] = "untouched";
-  char out_[16] = "untouched";
-  uint32_t age_ = 9999;
 };
 
-TEST_F(QueryTest, CurrentFixBoundaryIs200Ticks) {
-  FixAged(200);
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetPosition(lon_, lat_, &age_, kCurrentOnly), GEOLOCATING_GPS_ERROR_SUCCESS);
-  EXPECT_STREQ(lat_, "4404.14063N");
-  EXPECT_STREQ(lon_, "12118.85478W");
-  EXPECT_EQ(age_, 2u);
-  FixAged(201);
-  std::strcpy(lat_, "untouched");
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetPosition(lon_, lat_, &age_, kCurrentOnly),
-            GEOLOCATING_GPS_ERROR_OLD_COORDINATES);
-  EXPECT_STREQ(lat_, "untouched");
+TEST_F(QueryTest, PoliciesDecideResultAndOutput) {
+  const struct {
+    const char* legend;
+    const Query* query;
+    uint32_t flags;
+    uint32_t ageTicks;
+    int32_t result;
+    const char* output;  // "-" means left untouched
+    uint32_t ageSeconds;
+  } cases[] = {
+      {"current fix at 200 ticks", &kLatitude, kCurrent, 200, 0, "4404.14063N", 2},
+      {"stale at 201 ticks", &kLatitude, kCurrent, 201, -4, "-", 2},
+      {"no policy bit: age only", &kAltitude, 0, 1234, -2, "-", 12},
+      {"no fix yet, current policy", &kLatitude, kCurrent, kNoFix, -2, "-", 0},
+      {"no fix yet, old policy: stored fix", &kLatitude, kOld, kNoFix, -4, "1111.11111N", 0},
+      {"old policy with a current fix", &kAltitude, kOld, 10, 0, "1147.2", 0},
+      {"both bits, stale: position runs the current evaluation only", &kLatitude, kCurrent | kOld, 500, -4, "-", 5},
+      {"both bits, stale: altitude falls back to the file", &kAltitude, kCurrent | kOld, 500, -4, "33.3", 5},
+      {"speed without a valid VTG", &kSpeed, kCurrent, kNoFix, -2, "-", 0},
+      {"speed without a valid VTG, old policy", &kSpeed, kOld, kNoFix, -4, "4.4", 0},
+      {"speed current", &kSpeed, kCurrent, 0, 0, "0.216", 0},
+  };
+  for (const auto& c : cases) {
+    Reset();
+    if (c.ageTicks != kNoFix) FixAged(c.ageTicks);
+    else gps_private_info.fix_tick = gps_private_info.course_speed_tick = ticks_.now();
+    char out[16] = "-";
+    uint32_t age = 9999;
+    EXPECT_EQ((*c.query)(out, &age, c.flags), c.result) << c.legend;
+    EXPECT_STREQ(out, c.output) << c.legend;
+    EXPECT_EQ(age, c.ageSeconds) << c.legend;
+  }
 }
 
-TEST_F(QueryTest, AgeIsWholeSecondsAndWrittenWhateverTheFlags) {
-  FixAged(1234);
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetAltitude(out_, &age_, 0), GEOLOCATING_GPS_ERROR_NO_FIX_YET);
-  EXPECT_EQ(age_, 12u);
-  EXPECT_STREQ(out_, "untouched");
+TEST_F(QueryTest, LogLinesAndFallbackUse) {
+  gps::test::LogCapture log;
+  char out[16];
+  uint32_t age = 0;
+  lib_GPS_Geolocating_GPS_GetPosition(out, out, &age, kCurrent);
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{"GPS_GetPosition.", "GPS_GetPosition: accept only current fix."}))
+      << "no result line for the position group without a fix";
+  log.clear();
+  lib_GPS_Geolocating_GPS_GetSpeedKMH(out, &age, kCurrent);
+  EXPECT_TRUE(log.contains("GPS_GetSpeedKMH: GEOLOCATING_GPS_ERROR_NO_FIX_YET."));
+  FixAged(500);
+  log.clear();
+  lib_GPS_Geolocating_GPS_GetAltitude(out, &age, kCurrent | kOld);
+  EXPECT_EQ(log.count("GPS_GetAltitude: GEOLOCATING_GPS_ERROR_OLD_COORDINATES."), 2);
+  log.clear();
+  lib_GPS_Geolocating_GPS_GetPosition(out, out, &age, kCurrent | kOld);
+  EXPECT_FALSE(log.contains("lib_GPS_param_RetrieveLastFixData.")) << "the file is not consulted";
 }
 
-TEST_F(QueryTest, AgeSurvivesCounterWrap) {
+TEST_F(QueryTest, AgesSurviveCounterWrapAndNullOutputsAreSkipped) {
   ticks_.set(50);
   lib_GPS_Lock();
   gps_private_info.fix_quality = 1;
   gps_private_info.fix_tick = 0xFFFFFFFFu - 49;  // 100 ticks before the wrap-around
   lib_GPS_Unlock();
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetTime(out_, &age_, kCurrentOnly), GEOLOCATING_GPS_ERROR_SUCCESS);
-  EXPECT_EQ(age_, 1u);
-}
-
-TEST_F(QueryTest, NoFixYetUnderCurrentPolicyCopiesNothingAndLogsNoResult) {
-  gps::test::LogCapture log;
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetPosition(lon_, lat_, &age_, kCurrentOnly), GEOLOCATING_GPS_ERROR_NO_FIX_YET);
-  EXPECT_STREQ(lat_, "untouched");
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{"GPS_GetPosition.", "GPS_GetPosition: accept only current fix."}));
-}
-
-TEST_F(QueryTest, OldFixPolicyRightAfterStartFallsBackToTheStoredFix) {
-  gps::test::LogCapture log;
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetPosition(lon_, lat_, &age_, kOldFix), GEOLOCATING_GPS_ERROR_OLD_COORDINATES);
-  EXPECT_STREQ(lat_, "1111.11111N");
-  EXPECT_STREQ(lon_, "02222.22222E");
-  EXPECT_TRUE(log.contains("GPS_GetPosition: GEOLOCATING_GPS_ERROR_OLD_COORDINATES."));
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetSpeedKMH(out_, &age_, kOldFix), GEOLOCATING_GPS_ERROR_OLD_COORDINATES);
-  EXPECT_STREQ(out_, "4.4");
-}
-
-TEST_F(QueryTest, OldFixPolicyWithACurrentFixAnswersIt) {
-  FixAged(10);
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetAltitude(out_, &age_, kOldFix), GEOLOCATING_GPS_ERROR_SUCCESS);
-  EXPECT_STREQ(out_, "1147.2");
-}
-
-TEST_F(QueryTest, BothFlagsOnAStaleFixDifferByQueryGroup) {
-  FixAged(500);
-  gps::test::LogCapture log;
-  // The position group runs only the current-fix evaluation.
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetPosition(lon_, lat_, &age_, kCurrentOnly | kOldFix),
-            GEOLOCATING_GPS_ERROR_OLD_COORDINATES);
-  EXPECT_STREQ(lat_, "untouched");
-  EXPECT_FALSE(log.contains("lib_GPS_param_RetrieveLastFixData."));
-  // Altitude runs both; the old-fix evaluation fills from the file.
-  log.clear();
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetAltitude(out_, &age_, kCurrentOnly | kOldFix),
-            GEOLOCATING_GPS_ERROR_OLD_COORDINATES);
-  EXPECT_STREQ(out_, "33.3");
-  EXPECT_EQ(log.count("GPS_GetAltitude: GEOLOCATING_GPS_ERROR_OLD_COORDINATES."), 2);
-}
-
-TEST_F(QueryTest, CourseQueriesTestTheVtgMode) {
-  gps::test::LogCapture log;
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetSpeedKMH(out_, &age_, kCurrentOnly), GEOLOCATING_GPS_ERROR_NO_FIX_YET);
-  EXPECT_TRUE(log.contains("GPS_GetSpeedKMH: GEOLOCATING_GPS_ERROR_NO_FIX_YET."));
-  FixAged(0);
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetSpeedKMH(out_, &age_, kCurrentOnly), GEOLOCATING_GPS_ERROR_SUCCESS);
-  EXPECT_STREQ(out_, "0.216");
-}
-
-TEST_F(QueryTest, NullOutputsWithACurrentFix) {
-  FixAged(0);
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetPosition(nullptr, nullptr, nullptr, kCurrentOnly),
-            GEOLOCATING_GPS_ERROR_SUCCESS);
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetDateAndTime(nullptr, nullptr, nullptr, kOldFix),
-            GEOLOCATING_GPS_ERROR_SUCCESS);
+  uint32_t age = 0;
+  char time[16];
+  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetTime(time, &age, kCurrent), 0);
+  EXPECT_EQ(age, 1u);
+  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetPosition(nullptr, nullptr, nullptr, kCurrent), 0);
+  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetDateAndTime(nullptr, nullptr, nullptr, kOld), 0);
 }
 
 TEST_F(QueryTest, AResetAfterAFixKeepsTheTextsButQueriesSeeNoFix) {
   FixAged(0);
   lib_GPS_ResetInfosLocked(&gps_private_info);
   EXPECT_STREQ(gps_private_info.latitude, "4404.14063N");
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetPosition(lon_, lat_, &age_, kCurrentOnly), GEOLOCATING_GPS_ERROR_NO_FIX_YET);
-  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetPosition(lon_, lat_, &age_, kOldFix), GEOLOCATING_GPS_ERROR_OLD_COORDINATES);
-  EXPECT_STREQ(lat_, "1111.11111N");
+  char lat[16];
+  uint32_t age = 0;
+  EXPECT_EQ(kLatitude(lat, &age, kCurrent), GEOLOCATING_GPS_ERROR_NO_FIX_YET);
+  EXPECT_EQ(kLatitude(lat, &age, kOld), GEOLOCATING_GPS_ERROR_OLD_COORDINATES);
+  EXPECT_STREQ(lat, "1111.11111N");
 }
 
 }  // namespace
