@@ -3,13 +3,17 @@
 #include <unistd.h>
 
 #include "transport/gps_trace.h"
+#include "transport/pty_channel.h"
 #include "ubx/ubx_codec.h"
 
 int lib_GPS_OpenDevice(gps_private_info_t* infos) {
   if (lib_GPS_IsUbxModule(infos->module_type)) return lib_GPS_ubx_OpenResource(infos);
-  // The modem's command channel is not part of this build yet.
-  lib_GPS_Trace(3, "lib_GPS_OpenDevice: the GPRS modem command channel is not available in this build (module type %i).",
-                static_cast<int>(infos->module_type));
+  // Waits until the modem software has created its channel.
+  const int fd = PTY_Open(infos->module_device[0] != '\0' ? infos->module_device : nullptr);
+  if (fd > 0) {
+    infos->com_gps = static_cast<uint32_t>(fd);
+    return 0;
+  }
   infos->com_gps = GPS_INVALID_HANDLE;
   return -1;
 }
