@@ -14,15 +14,41 @@
 
 namespace gps::test {
 
-TempRoot::TempRoot() {
+namespace {
+
+std::string MakeTemporaryDirectory() {
   std::string pattern = (std::filesystem::temp_directory_path() / "gps-test.XXXXXX").string();
   if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-  path_ = pattern;
+  return pattern;
+}
+
+// The root of the whole test binary, so that nothing a test writes without a
+// root of its own lands in a deleted one (or in the system's default root).
+struct ProcessRoot {
+  ProcessRoot() : path(MakeTemporaryDirectory()) {
+    setenv("GPS_PLATFORM_ROOT", path.c_str(), 1);
+    platform::ReloadRoot();
+  }
+  ~ProcessRoot() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+  }
+  std::string path;
+};
+const ProcessRoot g_processRoot;
+
+}  // namespace
+
+TempRoot::TempRoot() : path_(MakeTemporaryDirectory()) {
+  const char* current = std::getenv("GPS_PLATFORM_ROOT");
+  previous_ = current ? current : g_processRoot.path;
   setenv("GPS_PLATFORM_ROOT", path_.c_str(), 1);
   platform::ReloadRoot();
 }
 
 TempRoot::~TempRoot() {
+  setenv("GPS_PLATFORM_ROOT", previous_.c_str(), 1);
+  platform::ReloadRoot();
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
 }

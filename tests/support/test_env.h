@@ -11,7 +11,9 @@
 
 namespace gps::test {
 
-// A new platform root in a temporary directory, active for the object's life.
+// A new platform root in a temporary directory, active for the object's life;
+// the root that was active before comes back when it ends. Tests that make no
+// root of their own share one made for the whole test binary.
 class TempRoot {
  public:
   TempRoot();
@@ -23,6 +25,7 @@ class TempRoot {
 
  private:
   std::string path_;
+  std::string previous_;
 };
 
 // Collects every log line (threshold 7) while alive.
