@@ -12,14 +12,20 @@
 
 namespace gps::test {
 
-PtyReceiver::PtyReceiver(const TempRoot& root, int moduleType) {
-  master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-  if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0) throw std::runtime_error("no pty");
-  slave_ = ptsname(master_);
+RawPty OpenRawPty() {
+  const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) throw std::runtime_error("no pty");
   termios raw{};
-  tcgetattr(master_, &raw);
+  tcgetattr(master, &raw);
   cfmakeraw(&raw);
-  tcsetattr(master_, TCSANOW, &raw);
+  tcsetattr(master, TCSANOW, &raw);
+  return {master, ptsname(master)};
+}
+
+PtyReceiver::PtyReceiver(const TempRoot& root, int moduleType) {
+  const RawPty pty = OpenRawPty();
+  master_ = pty.master;
+  slave_ = pty.slave;
   std::ofstream(root / "platform.ini") << "[platform]\nmodule_type = " << moduleType << "\n[gps]\ndevice = " << slave_
                                        << "\nbaud = 9600\n";
   platform::ReloadRoot();

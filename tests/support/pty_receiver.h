@@ -11,6 +11,13 @@
 
 namespace gps::test {
 
+// A pseudo-terminal pair with the master side raw (no echo, no translation).
+struct RawPty {
+  int master;         // owned by the caller
+  std::string slave;  // path of the slave side
+};
+RawPty OpenRawPty();
+
 class PtyReceiver {
  public:
   // Writes $ROOT/platform.ini naming the slave as the u-blox device.

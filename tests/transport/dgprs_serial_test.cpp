@@ -6,6 +6,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "tests/support/pty_receiver.h"
 #include "tests/support/test_env.h"
 #include "transport/dgprs_serial.h"
 
@@ -14,15 +15,9 @@ namespace {
 class DgprsSerial : public testing::Test {
  protected:
   void SetUp() override {
-    master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_GE(master_, 0);
-    ASSERT_EQ(grantpt(master_), 0);
-    ASSERT_EQ(unlockpt(master_), 0);
-    slave_ = ptsname(master_);
-    termios raw{};
-    tcgetattr(master_, &raw);
-    cfmakeraw(&raw);
-    tcsetattr(master_, TCSANOW, &raw);
+    const gps::test::RawPty pty = gps::test::OpenRawPty();
+    master_ = pty.master;
+    slave_ = pty.slave;
   }
   void TearDown() override { close(master_); }
   int master_ = -1;

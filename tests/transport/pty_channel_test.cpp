@@ -12,6 +12,7 @@
 
 #include "engine/gps_device.h"
 #include "engine/gps_private_info.h"
+#include "tests/support/pty_receiver.h"
 #include "tests/support/test_env.h"
 #include "transport/gps_trace.h"
 #include "transport/pty_channel.h"
@@ -23,17 +24,11 @@ std::string Le32(uint32_t v) { return std::string(reinterpret_cast<const char*>(
 class PtyChannel : public testing::Test {
  protected:
   void SetUp() override {
-    master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_GE(master_, 0);
-    ASSERT_EQ(grantpt(master_), 0);
-    ASSERT_EQ(unlockpt(master_), 0);
-    termios raw{};
-    tcgetattr(master_, &raw);
-    cfmakeraw(&raw);
-    tcsetattr(master_, TCSANOW, &raw);
+    const gps::test::RawPty pty = gps::test::OpenRawPty();
+    master_ = pty.master;
     // The modem software's channel at its default place below the root.
     std::filesystem::create_directories(root_ / "tmp");
-    std::filesystem::create_symlink(ptsname(master_), root_ / "tmp/gps_dgprs");
+    std::filesystem::create_symlink(pty.slave, root_ / "tmp/gps_dgprs");
     gps::test::ResetEngine(3);
     ASSERT_EQ(lib_GPS_OpenDevice(&gps_private_info), 0);
     ASSERT_NE(gps_private_info.com_gps, GPS_INVALID_HANDLE);

@@ -16,6 +16,7 @@
 #include "param/gps_parameters.h"
 #include "platform/root.h"
 #include "sim/embedded_receiver.h"
+#include "tests/support/pty_receiver.h"
 #include "tests/support/test_env.h"
 #include "ubx/ubx_codec.h"
 #include "ubx/ubx_config.h"
@@ -27,15 +28,9 @@ using Kind = std::pair<int, int>;
 class SimulatedSerialReceiver : public testing::Test {
  protected:
   void Start(bool expert, gps::sim::EmbeddedOptions options = {}) {
-    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_GE(master, 0);
-    ASSERT_EQ(grantpt(master), 0);
-    ASSERT_EQ(unlockpt(master), 0);
-    termios raw{};
-    tcgetattr(master, &raw);
-    cfmakeraw(&raw);
-    tcsetattr(master, TCSANOW, &raw);
-    std::ofstream(root_ / "platform.ini") << "[gps]\ndevice = " << ptsname(master) << "\n";
+    const gps::test::RawPty pty = gps::test::OpenRawPty();
+    const int master = pty.master;
+    std::ofstream(root_ / "platform.ini") << "[gps]\ndevice = " << pty.slave << "\n";
     gps::platform::ReloadRoot();
     options.startPowered = true;
     std::string error;
