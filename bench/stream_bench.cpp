@@ -72,11 +72,9 @@ class Engine {
     gps::platform::ReloadRoot();
     gps::platform::SetLogSink(&DropLogLine, nullptr);
 
-    std::memset(&gps_private_info, 0, sizeof gps_private_info);
+    lib_GPS_ClearRecord(&gps_private_info);
+
     gps_private_info.module_type = GPS_MODULE_TYPE_UBX_M8030;
-    gps_private_info.com_gps = GPS_INVALID_HANDLE;
-    gps_private_info.com_transp_handle = -1;
-    gps_private_info.fix_update_period_ms = 1000;
     lib_GPS_param_RestorePersistentStorage();
     lib_GPS_ResetInfosLocked(&gps_private_info);
     lib_GPS_TraceInit(1);

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "engine/gps_private_info.h"
+
 inline constexpr int32_t GEOLOCATING_GPS_ERROR_SUCCESS = 0;
 inline constexpr int32_t GEOLOCATING_GPS_ERROR_NOT_POWERED = -1;
 inline constexpr int32_t GEOLOCATING_GPS_ERROR_NO_FIX_YET = -2;
@@ -32,3 +34,52 @@ int32_t lib_GPS_Geolocating_GPS_GetHeading(char* heading, uint32_t* ageSeconds, 
 // The receiver's 16-byte navigation status (u32 at byte 8: time to first fix
 // [ms]) and the tick it arrived at.
 int32_t lib_GPS_Geolocating_GPS_GetTTFF(uint8_t* status, uint32_t* tick);
+
+// Engine start-up: creates the event channels, opens the receiver of the
+// platform's module type, restores the parameters and starts the engine
+// thread. Once per process; failures are logged, the result is always 0.
+int gps_dll_init(void);
+
+// Control. None of these touches the receiver: they record the request and
+// wake the engine thread. The two reads that need the receiver's answer wait
+// for it at most 5 seconds.
+int32_t lib_GPS_Geolocating_GPS_SetPower(uint32_t on);
+int32_t lib_GPS_Geolocating_GPS_GetPower(uint32_t* on);
+int32_t lib_GPS_Geolocating_GPS_SetPowerOnParameter(uint32_t value);
+int32_t lib_GPS_Geolocating_GPS_GetPowerOnParameter(void);
+int32_t lib_GPS_Geolocating_GPS_GetFixUpdatePeriodInms(uint32_t* periodMs);
+int32_t lib_GPS_Geolocating_GPS_SetFixUpdatePeriodInms(const uint32_t* periodMs);  // 1000 .. 86,400,000
+
+int32_t lib_GPS_Geolocating_GPS_LogDataStart(void);
+int32_t lib_GPS_Geolocating_GPS_LogDataStop(void);
+int32_t lib_GPS_Geolocating_GPS_GetLogDataState(char* path, uint32_t capacity, uint32_t* enabled);
+
+int32_t lib_GPS_Geolocating_GPS_GetAntOffEFusePolarity(int32_t* polarity);
+int32_t lib_GPS_Geolocating_GPS_SetAntOffPioPolarity(void);
+int32_t lib_GPS_Geolocating_GPS_ColdStart(void);
+int32_t lib_GPS_Geolocating_GPS_SetAssistanceMode(uint32_t mode);
+int32_t lib_GPS_Geolocating_GPS_GetAssistanceMode(uint32_t* mode);
+int32_t lib_GPS_Geolocating_GPS_StopAssistance(void);
+int32_t lib_GPS_Geolocating_GPS_ReloadAssistance(void);
+
+// Device names hold at most 15 characters; longer ones are refused (-10).
+int32_t lib_GPS_Geolocating_GPS_SetTransparentDevice(const char* name);
+int32_t lib_GPS_Geolocating_GPS_GetTransparentDevice(char* name, uint32_t capacity);
+int32_t lib_GPS_Geolocating_GPS_SetModuleDevice(const char* name);
+int32_t lib_GPS_Geolocating_GPS_GetModuleDevice(char* name, uint32_t capacity);
+
+// sw, ext1..ext4: at least 32 bytes; hw: at least 16; zero-filled by the caller.
+int32_t lib_GPS_Geolocating_GPS_GetVersion(char* sw, char* hw, char* ext1, char* ext2, char* ext3, char* ext4);
+// Ages are in ticks (10 ms).
+int32_t lib_GPS_Geolocating_GPS_GetHardwareStatus(uint32_t* noise, uint32_t* agc, uint32_t* jamming,
+                                                   uint32_t* ageTicks);
+// Copies both 32-entry tables; returns the number of satellites in view.
+int32_t lib_GPS_Geolocating_GPS_GetSatellites(gps_satellite_t* prn1to32, gps_satellite_t* prn33to64,
+                                               uint32_t* ageTicks);
+int32_t lib_GPS_Geolocating_GPS_GetNavPvt(uint8_t* navPvt, uint32_t* tick);      // 84 bytes
+int32_t lib_GPS_Geolocating_GPS_GetNavClock(uint8_t* navClock, uint32_t* tick);  // 20 bytes
+int32_t lib_GPS_Geolocating_GPS_GetAlpServedBlocks(uint8_t* blocks);             // 1024 bytes
+int32_t lib_GPS_Geolocating_GPS_GetAlpClientBlocks(uint8_t* blocks);             // 1024 bytes
+// Listeners are eventfds signalled when an event of their mask happens.
+int32_t lib_GPS_Geolocating_GPS_AddEventListener(uint16_t eventFd, uint32_t mask);
+int32_t lib_GPS_Geolocating_GPS_RemoveEventListener(uint16_t eventFd, uint32_t mask);

@@ -54,6 +54,14 @@ void lib_GPS_ResetInfos(gps_private_info_t* infos) {
   std::memset(infos->nav_status, 0, sizeof infos->nav_status);
 }
 
+void lib_GPS_ClearRecord(gps_private_info_t* infos) {
+  std::memset(infos, 0, sizeof *infos);
+  infos->com_gps = GPS_INVALID_HANDLE;
+  infos->com_transp_handle = -1;
+  infos->fix_update_period_ms = 1000;
+  lib_GPS_ResetInfos(infos);
+}
+
 void lib_GPS_ResetInfosLocked(gps_private_info_t* infos) {
   lib_GPS_Lock();
   lib_GPS_ResetInfos(infos);

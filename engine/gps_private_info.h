@@ -141,10 +141,25 @@ struct gps_private_info_t {
 extern gps_private_info_t gps_private_info;
 extern pthread_mutex_t gps_private_info_lock;
 
+// The logging switch is set by callers under the lock but read by the engine
+// thread for every message without it; both sides go through these, so the
+// unlocked read is a well-defined one.
+inline uint8_t lib_GPS_LoggingEnabled(const gps_private_info_t* infos) {
+  return __atomic_load_n(&infos->loggingIsEnabled, __ATOMIC_RELAXED);
+}
+inline void lib_GPS_SetLoggingEnabled(gps_private_info_t* infos, uint8_t enabled) {
+  __atomic_store_n(&infos->loggingIsEnabled, enabled, __ATOMIC_RELAXED);
+}
+
 void lib_GPS_Lock(void);
 void lib_GPS_Unlock(void);
 // True when the calling thread holds gps_private_info_lock (through lib_GPS_Lock).
 bool lib_GPS_LockHeldByCaller(void);
+
+// The record as engine start-up leaves it before the receiver is opened: all
+// zero, no receiver, no transparent device, a 1-second fix period and the
+// fix state reset. Without the lock: nothing else runs yet.
+void lib_GPS_ClearRecord(gps_private_info_t* infos);
 
 // Resets the fix state; the caller holds the lock.
 void lib_GPS_ResetInfos(gps_private_info_t* infos);

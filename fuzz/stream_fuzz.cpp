@@ -115,12 +115,8 @@ constexpr uint32_t kAssistanceBytes = 136 * 1024;
 
 void ResetEngine(uint32_t moduleType) {
   lib_GPS_FreeAssistanceData(&gps_private_info);
-  std::memset(&gps_private_info, 0, sizeof gps_private_info);
+  lib_GPS_ClearRecord(&gps_private_info);
   gps_private_info.module_type = moduleType;
-  gps_private_info.com_gps = GPS_INVALID_HANDLE;
-  gps_private_info.com_transp_handle = -1;
-  gps_private_info.fix_update_period_ms = 1000;
-  lib_GPS_ResetInfos(&gps_private_info);
   // The parser records each fix into the parameters record; every input
   // starts from the file as it was read at start-up.
   std::memcpy(&gps_parameters, &g_restoredParameters, sizeof gps_parameters);

@@ -104,7 +104,7 @@ uint32_t HandleUbxPayload(gps_message_t* m, uint8_t byte) {
 }
 
 void DispatchMessage(gps_private_info_t* infos, gps_message_t* m) {
-  if (infos->loggingIsEnabled) {
+  if (lib_GPS_LoggingEnabled(infos)) {
     lib_GPS_Trace(3, "analyze_gps: record module traces (length = %i).", static_cast<int>(m->length));
     lib_GPS_LogModuleTraces(infos, m->buffer, m->length);
   }

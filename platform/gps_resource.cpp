@@ -165,6 +165,15 @@ int Resource::Open() {
   pendingBytes_ = 0;
   std::string reason;
   if (!Connect(reason)) {
+    // A USB receiver that is not plugged in yet is a receiver that is gone:
+    // the resource opens, and the device is picked up when it appears.
+    if (kind_ == DeviceKind::Serial && (errno == ENOENT || errno == ENODEV || errno == ENXIO)) {
+      Sys_log(3, "GPS resource: %s is not there (%s); waiting for it, checking once a second", Name(),
+              reason.c_str());
+      nextReopen_ = Clock::now() + kReopenInterval;
+      open_ = true;
+      return 0;
+    }
     Sys_log(3, "GPS resource: cannot open %s: %s; check [gps] device in %s", Name(), reason.c_str(),
             IniPath().c_str());
     wait_.reset();

@@ -315,11 +315,9 @@ int Run(const Options& options, std::FILE* out, std::FILE* errors, Totals* total
   Replay replay(options, out);
   gps_message_init(&replay.frame);
 
-  std::memset(&gps_private_info, 0, sizeof gps_private_info);
+  lib_GPS_ClearRecord(&gps_private_info);
+
   gps_private_info.module_type = options.moduleType;
-  gps_private_info.com_gps = GPS_INVALID_HANDLE;
-  gps_private_info.com_transp_handle = -1;
-  gps_private_info.fix_update_period_ms = 1000;
   g_virtualTick = GPS_LAST_DATA_STORE_PERIOD_TICKS;
   platform::SetTickSource(VirtualTicks);
   lib_GPS_param_RestorePersistentStorage();

@@ -163,7 +163,7 @@ int lib_GPS_LogModuleTraces(gps_private_info_t* infos, const uint8_t* data, uint
     infos->module_trace_fd = fd;
     if (fd == -1) {
       lib_GPS_Trace(7, "lib_GPS_LogModuleTraces: file creation failed.");
-      infos->loggingIsEnabled = 0;
+      lib_GPS_SetLoggingEnabled(infos, 0);
     } else {
       lib_GPS_Trace(7, "lib_GPS_LogModuleTraces: file creation successful.");
       PublishTracePath(infos, path);
@@ -173,7 +173,7 @@ int lib_GPS_LogModuleTraces(gps_private_info_t* infos, const uint8_t* data, uint
     if (lib_GPS_WriteIfSpaceLeft(data, length, infos->module_trace_fd) == -1) {
       lib_GPS_Trace(7, "lib_GPS_LogModuleTraces: stop module traces logging.");
       lib_GPS_StopModuleTraces(infos);
-      infos->loggingIsEnabled = 0;
+      lib_GPS_SetLoggingEnabled(infos, 0);
       return -1;
     }
   }

@@ -97,9 +97,12 @@ void analyze_gps_ublox_message_low_level_configuration(gps_private_info_t* infos
   const uint32_t llCom = p.u32(0);
   const uint32_t llcClk = p.u32(4);
   const uint32_t llcGen = p.u32(16);
-  infos->antOffPolarity = (llcGen >> 7) & 1;
+  const int32_t polarity = static_cast<int32_t>((llcGen >> 7) & 1);
+  lib_GPS_Lock();  // read by callers waiting for the answer
+  infos->antOffPolarity = polarity;
+  lib_GPS_Unlock();
   lib_GPS_Trace(4, "MON-LLC={.llCom=0x%08X, .llcClk=0x%08X, .llcGen=0x%08X", llCom, llcClk, llcGen);
-  if (infos->antOffPolarity == 0)
+  if (polarity == 0)
     lib_GPS_Trace(4, "analyze_gps_ublox_message_low_level_configuration:: antOffPolarity is set.");
   else
     lib_GPS_Trace(3, "analyze_gps_ublox_message_low_level_configuration:: antOffPolarity is NOT set.");
@@ -134,9 +137,12 @@ void analyze_gps_ublox_message_extended_power_management_configuration(gps_priva
   const Payload p(m);
   // A poll (no payload) on its way to the receiver carries no period.
   if (p.length() < 12) return;
-  infos->fix_update_period_ms = p.u32(8);
+  const uint32_t period = p.u32(8);
+  lib_GPS_Lock();  // read by callers waiting for the answer
+  infos->fix_update_period_ms = period;
+  lib_GPS_Unlock();
   lib_GPS_Trace(7, "analyze_gps_ublox_message_extended_power_management_configuration: updatePeriod = %i ms.",
-                static_cast<int>(infos->fix_update_period_ms));
+                static_cast<int>(period));
   SignalIfOpen(fixUpdatePeriodAnswer_eventfd);
 }
 

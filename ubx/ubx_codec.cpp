@@ -27,7 +27,7 @@ void lib_GPS_ubx_SendMessage(gps_private_info_t* infos, uint8_t* frame) {
   const uint32_t n = lib_GPS_ubx_ComputeChecksum(frame);
   lib_GPS_TraceHex(4, n, frame, 1);
   lib_GPS_ubx_SendDataToDevice(infos, frame, n);
-  if (infos->loggingIsEnabled) {
+  if (lib_GPS_LoggingEnabled(infos)) {
     lib_GPS_Trace(4, "record TX traces (length = %i).", static_cast<int>(n));
     lib_GPS_LogModuleTraces(infos, frame, n);
   }
@@ -54,6 +54,8 @@ int lib_GPS_ubx_OpenResource(gps_private_info_t* infos) {
 }
 
 int lib_GPS_ubx_CloseResource(gps_private_info_t* /*infos*/) { return GPS_CloseResource() != 0 ? -1 : 0; }
+
+int lib_GPS_ubx_WaitDescriptor(void) { return GPS_GetResourceDescriptor(); }
 
 int lib_GPS_ubx_ReadDataFromDevice(gps_private_info_t* /*infos*/, uint8_t* buffer, uint32_t size) {
   gps_device_data_t block;

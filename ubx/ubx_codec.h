@@ -31,6 +31,9 @@ void lib_GPS_ubx_SendMessageConst(gps_private_info_t* infos, const uint8_t* fram
 
 int lib_GPS_ubx_OpenResource(gps_private_info_t* infos);   // 0 or -1
 int lib_GPS_ubx_CloseResource(gps_private_info_t* infos);  // 0 or -1
+// What the engine thread waits on for receiver data: the resource driver's
+// descriptor, or -1 when there is none right now (ask again before each wait).
+int lib_GPS_ubx_WaitDescriptor(void);
 // Bytes placed in buffer (the rest of its `size` bytes zeroed), or -1.
 int lib_GPS_ubx_ReadDataFromDevice(gps_private_info_t* infos, uint8_t* buffer, uint32_t size);
 // `length` when sent, 0 when the driver refused. Data longer than one driver

@@ -183,7 +183,6 @@ TEST_F(GpsResource, OpenFailuresNameTheDeviceAndTheReason) {
     int baud;
     std::string logged;
   } cases[] = {
-      {root / "ttyACM9", 9600, root / "ttyACM9" + ": No such file or directory; check [gps] device"},
       {root / "not-a-tty", 9600, root / "not-a-tty" + ": Inappropriate ioctl for device"},
       {pty.slavePath(), 12345, "baud = 12345 in " + root / "platform.ini"},
   };
@@ -196,6 +195,27 @@ TEST_F(GpsResource, OpenFailuresNameTheDeviceAndTheReason) {
   }
   EXPECT_EQ(Open(pty.slavePath()), 0);
   EXPECT_EQ(GPS_OpenResource(), GPS_RESOURCE_ALREADY_OPEN);
+}
+
+// A USB receiver not plugged in at start: the resource opens and takes the
+// device when it appears.
+TEST_F(GpsResource, ADeviceMissingAtOpenIsTakenWhenItAppears) {
+  gps::test::LogCapture log;
+  const std::string link = root / "ttyACM9";
+  ASSERT_EQ(Open(link), 0);
+  EXPECT_EQ(GPS_GetResourceDescriptor(), -1);
+  EXPECT_EQ(log.linesAt(3).size(), 1u);
+  EXPECT_NE(log.linesAt(3)[0].find(link + " is not there (No such file or directory)"), std::string::npos);
+  ASSERT_EQ(Power(true), 0);
+
+  PtyReceiver pty(root);
+  std::filesystem::create_symlink(pty.slavePath(), link);
+  std::string got;
+  for (auto end = Clock::now() + 3s; Clock::now() < end && got.empty();) {
+    if (GPS_GetResourceDescriptor() >= 0) pty.Send(kGga);
+    got = Read();
+  }
+  EXPECT_EQ(got, kGga);
 }
 
 }  // namespace

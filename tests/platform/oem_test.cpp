@@ -21,8 +21,9 @@ TEST(Oem, RequestsAreAnsweredFromThePlatformSettings) {
   gps::platform::ReloadRoot();
   EXPECT_EQ(Oem_SystemFioctl(OEM_REQUEST_GPS_MODULE_TYPE, &value), 0);
   EXPECT_EQ(value, 7u);
-  EXPECT_EQ(Oem_SystemFioctl(OEM_REQUEST_STARTUP_MODE, &value), 0);
+  EXPECT_EQ(Oem_SystemFioctl(OEM_REQUEST_STARTUP_MODE, &value), 1);
   EXPECT_EQ(value, 1u);
+  EXPECT_EQ(Oem_SystemFioctl(OEM_REQUEST_STARTUP_MODE, nullptr), 1) << "the service asks without an argument";
 
   EXPECT_LT(Oem_SystemFioctl(0x1234, &value), 0);
   EXPECT_LT(Oem_SystemFioctl(OEM_REQUEST_GPS_MODULE_TYPE, nullptr), 0);

@@ -109,13 +109,9 @@ gps_message_t g_receiverFrame;
 
 void ResetEngine(uint32_t moduleType) {
   gps_message_init(&g_receiverFrame);
-  std::memset(&gps_private_info, 0, sizeof gps_private_info);
-  std::memset(&gps_parameters, 0, sizeof gps_parameters);
+  lib_GPS_ClearRecord(&gps_private_info);
   gps_private_info.module_type = moduleType;
-  gps_private_info.com_gps = GPS_INVALID_HANDLE;
-  gps_private_info.com_transp_handle = -1;
-  gps_private_info.fix_update_period_ms = 1000;
-  lib_GPS_ResetInfos(&gps_private_info);
+  std::memset(&gps_parameters, 0, sizeof gps_parameters);
 }
 
 void FeedReceiver(std::string_view bytes) {
