@@ -97,6 +97,20 @@ void SetTransparentHandle(gps_private_info_t* infos, int32_t handle) {
   lib_GPS_Unlock();
 }
 
+// Until the receiver has answered the version poll, the poll is repeated
+// every 2 seconds of receiver traffic.
+void PollVersionUntilConfigured(gps_private_info_t* infos) {
+  if (infos->module_config_state == 2) return;
+  const uint32_t now = OS_rtc_GetTickCounter();
+  if (infos->module_config_state == 1 && now - infos->version_request_tick > kVersionPollTicks)
+    infos->module_config_state = 0;
+  if (infos->module_config_state == 0) {
+    lib_GPS_ubx_PollVersion(infos);
+    infos->module_config_state = 1;
+    infos->version_request_tick = now;
+  }
+}
+
 void ServeReceiver(EngineThread& thread, gps_private_info_t* infos) {
   lib_GPS_Trace(7, "READ on com_gps_handle : %d", static_cast<int>(infos->com_gps));
   const int count = lib_GPS_ReadDevice(infos, thread.buffer, kReadBytes);
@@ -106,6 +120,7 @@ void ServeReceiver(EngineThread& thread, gps_private_info_t* infos) {
     }
     lib_GPS_Trace(7, "Analyse GPS of %d bytes", count);
     analyze_gps(infos, &thread.receiverFrame, thread.buffer, static_cast<uint32_t>(count));
+    PollVersionUntilConfigured(infos);
   } else if (!lib_GPS_IsUbxModule(infos->module_type) && (count == 0 || errno == EIO)) {
     // The modem software closed its end of the channel (it stopped or is
     // restarting): wait for the channel to come back and resume the receiver.
@@ -114,19 +129,6 @@ void ServeReceiver(EngineThread& thread, gps_private_info_t* infos) {
     lib_GPS_OpenDevice(infos);
     if (infos->com_gps != GPS_INVALID_HANDLE && ReadLocked(infos->power_state) != 0)
       lib_GPS_ChangePowerState(infos, 1);
-    return;
-  }
-  // Until the receiver has answered the version poll, poll again every
-  // 2 seconds of receiver traffic.
-  if (infos->module_config_state != 2) {
-    const uint32_t now = OS_rtc_GetTickCounter();
-    if (infos->module_config_state == 1 && now - infos->version_request_tick > kVersionPollTicks)
-      infos->module_config_state = 0;
-    if (infos->module_config_state == 0) {
-      lib_GPS_ubx_PollVersion(infos);
-      infos->module_config_state = 1;
-      infos->version_request_tick = now;
-    }
   }
 }
 

@@ -1,0 +1,62 @@
+#include "tests/integration/engine_process.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform/root.h"
+#include "tests/support/pty_receiver.h"
+
+namespace gps::test {
+
+void InEngineProcess(const std::function<void()>& body, std::chrono::seconds limit) {
+  std::fflush(stdout);
+  std::fflush(stderr);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0) << "fork failed";
+  if (child == 0) {
+    alarm(static_cast<unsigned>(limit.count()));  // a hung engine fails the test instead of the run
+    body();
+    std::fflush(stdout);
+    _exit(::testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WIFSIGNALED(status))
+    ADD_FAILURE() << "the engine process died of signal " << WTERMSIG(status)
+                  << (WTERMSIG(status) == SIGALRM ? " (time limit)" : "");
+  else
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "the engine process reported failures (above)";
+}
+
+void WriteOptionalParameters(const TempRoot& root, const std::string& ini) {
+  std::filesystem::create_directories(root / "home/LEGACY_FS/HOST");
+  std::ofstream(root / "home/LEGACY_FS/HOST/GPS_optional_parameters.ini") << ini;
+}
+
+SimulatedReceiver::SimulatedReceiver(const TempRoot& root, sim::EmbeddedOptions options,
+                                     const std::string& optionalIni) {
+  const RawPty pty = OpenRawPty();
+  std::ofstream(root / "platform.ini") << "[platform]\nmodule_type = 2\n[gps]\ndevice = " << pty.slave
+                                       << "\nbaud = 9600\n";
+  if (!optionalIni.empty()) WriteOptionalParameters(root, optionalIni);
+  platform::ReloadRoot();
+  options.startPowered = true;
+  std::string error;
+  receiver = sim::EmbeddedReceiver::Start(pty.master, options, &error);
+  if (!receiver) ADD_FAILURE() << "simulator: " << error;
+}
+
+std::vector<std::vector<uint8_t>> SimulatedReceiver::Frames(uint8_t cls, uint8_t id) const {
+  std::vector<std::vector<uint8_t>> out;
+  for (auto& f : Frames())
+    if (f[2] == cls && f[3] == id) out.push_back(f);
+  return out;
+}
+
+}  // namespace gps::test
