@@ -114,7 +114,7 @@ int32_t lib_GPS_Geolocating_GPS_GetFixUpdatePeriodInms(uint32_t* periodMs) {
   if (!periodMs) return GEOLOCATING_GPS_ERROR_INVALID_PARAMETER;
   lib_GPS_Lock();
   // A caller always gets at least the configured period.
-  *periodMs = static_cast<uint32_t>(gps_parameters.requestedFixUpdatePeriodInms);
+  *periodMs = static_cast<uint32_t>(lib_GPS_param_GetRequestedFixUpdatePeriod());
   const uint32_t on = gps_private_info.power_state;
   lib_GPS_Unlock();
   if (on == 0) return GEOLOCATING_GPS_ERROR_SUCCESS;
@@ -140,7 +140,7 @@ int32_t lib_GPS_Geolocating_GPS_SetFixUpdatePeriodInms(const uint32_t* periodMs)
   if (!periodMs || *periodMs < kMinFixUpdatePeriodMs || *periodMs > kMaxFixUpdatePeriodMs)
     return GEOLOCATING_GPS_ERROR_INVALID_PARAMETER;
   lib_GPS_Lock();
-  gps_parameters.requestedFixUpdatePeriodInms = static_cast<int32_t>(*periodMs);
+  lib_GPS_param_SetRequestedFixUpdatePeriod(static_cast<int32_t>(*periodMs));
   lib_GPS_param_SaveParameters();
   // The engine thread sends it to the receiver only while it is powered.
   SignalEvent(fixUpdatePeriodSetValue_eventfd);

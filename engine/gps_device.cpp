@@ -71,49 +71,43 @@ void lib_GPS_ChangePowerState(gps_private_info_t* infos, uint32_t on) {
   }
 }
 
-void lib_GPS_PollFixUpdatePeriodConfiguration(gps_private_info_t* infos) {
+namespace {
+
+// Runs the u-blox operation, or logs (with the module type) that the modem's
+// receiver has no such operation.
+void ForUbxModule(gps_private_info_t* infos, void (*operation)(gps_private_info_t*), const char* unsupported) {
   if (lib_GPS_IsUbxModule(infos->module_type)) {
-    lib_GPS_ubx_PollFixUpdatePeriodConfiguration(infos);
+    operation(infos);
     return;
   }
-  lib_GPS_Trace(3, "lib_GPS_PollFixUpdatePeriodConfiguration: cannot get fix update period for this module type (%i).",
-                static_cast<int>(infos->module_type));
+  lib_GPS_Trace(3, unsupported, static_cast<int>(infos->module_type));
+}
+
+}  // namespace
+
+void lib_GPS_PollFixUpdatePeriodConfiguration(gps_private_info_t* infos) {
+  ForUbxModule(infos, lib_GPS_ubx_PollFixUpdatePeriodConfiguration,
+               "lib_GPS_PollFixUpdatePeriodConfiguration: cannot get fix update period for this module type (%i).");
 }
 
 void lib_GPS_SendFixUpdatePeriodConfiguration(gps_private_info_t* infos) {
   lib_GPS_Trace(7, "lib_GPS_SendFixUpdatePeriodConfiguration: requested fix update period = %i ms.",
-                static_cast<int>(gps_parameters.requestedFixUpdatePeriodInms));
-  if (lib_GPS_IsUbxModule(infos->module_type)) {
-    lib_GPS_ubx_SendFixUpdatePeriodConfiguration(infos);
-    return;
-  }
-  lib_GPS_Trace(3, "lib_GPS_SendFixUpdatePeriodConfiguration: cannot set fix update period for this module type (%i).",
-                static_cast<int>(infos->module_type));
+                static_cast<int>(lib_GPS_param_GetRequestedFixUpdatePeriod()));
+  ForUbxModule(infos, lib_GPS_ubx_SendFixUpdatePeriodConfiguration,
+               "lib_GPS_SendFixUpdatePeriodConfiguration: cannot set fix update period for this module type (%i).");
 }
 
 void lib_GPS_PerformExternalCommand(gps_private_info_t* infos) {
-  if (lib_GPS_IsUbxModule(infos->module_type)) {
-    lib_GPS_ubx_PerformExternalCommand(infos);
-    return;
-  }
-  lib_GPS_Trace(3, "lib_GPS_PerformExternalCommand: external commands not handled for this module type (%i).",
-                static_cast<int>(infos->module_type));
+  ForUbxModule(infos, lib_GPS_ubx_PerformExternalCommand,
+               "lib_GPS_PerformExternalCommand: external commands not handled for this module type (%i).");
 }
 
 void lib_GPS_RequestAntOffPolarityValue(gps_private_info_t* infos) {
-  if (lib_GPS_IsUbxModule(infos->module_type)) {
-    lib_GPS_ubx_RequestAntOffPolarityValue(infos);
-    return;
-  }
-  lib_GPS_Trace(3, "lib_GPS_RequestAntOffPolarityValue: AntOffPolarity not handled for this module type (%i).",
-                static_cast<int>(infos->module_type));
+  ForUbxModule(infos, lib_GPS_ubx_RequestAntOffPolarityValue,
+               "lib_GPS_RequestAntOffPolarityValue: AntOffPolarity not handled for this module type (%i).");
 }
 
 void lib_GPS_SetAntOffPolarityValue(gps_private_info_t* infos) {
-  if (lib_GPS_IsUbxModule(infos->module_type)) {
-    lib_GPS_ubx_SetAntOffPolarityValue(infos);
-    return;
-  }
-  lib_GPS_Trace(3, "lib_GPS_SetAntOffPolarityValue: AntOffPolarity not handled for this module type (%i).",
-                static_cast<int>(infos->module_type));
+  ForUbxModule(infos, lib_GPS_ubx_SetAntOffPolarityValue,
+               "lib_GPS_SetAntOffPolarityValue: AntOffPolarity not handled for this module type (%i).");
 }

@@ -89,6 +89,16 @@ int lib_GPS_param_RetrieveLastCourseAndSpeedData(char* courseTrue, char* courseM
                                                  char* speedKmh);
 
 // Settings accessors; a setter saves the file when it changed something.
+// The requested fix update period is set by callers under the engine lock and
+// read by the engine thread while it configures the receiver, with or without
+// the lock; both sides go through these.
+inline int32_t lib_GPS_param_GetRequestedFixUpdatePeriod(void) {
+  return __atomic_load_n(&gps_parameters.requestedFixUpdatePeriodInms, __ATOMIC_RELAXED);
+}
+inline void lib_GPS_param_SetRequestedFixUpdatePeriod(int32_t periodMs) {
+  __atomic_store_n(&gps_parameters.requestedFixUpdatePeriodInms, periodMs, __ATOMIC_RELAXED);
+}
+
 int lib_GPS_param_SetPowerModePolicy(int32_t value);
 int32_t lib_GPS_param_GetPowerModePolicy(void);
 int lib_GPS_param_SetStandbyPolicy(int32_t value);

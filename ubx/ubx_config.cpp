@@ -102,7 +102,7 @@ void lib_GPS_ubx_ConfigureExpert(gps_private_info_t* infos) {
 }
 
 void lib_GPS_ubx_SendFixUpdatePeriodConfiguration(gps_private_info_t* infos) {
-  const int32_t periodMs = gps_parameters.requestedFixUpdatePeriodInms;
+  const int32_t periodMs = lib_GPS_param_GetRequestedFixUpdatePeriod();
   lib_GPS_Trace(7, "lib_GPS_ubx_SendFixUpdatePeriodConfiguration: requested fix update period = %i ms.", periodMs);
   uint8_t pm2[UBX_HEADER_BYTES + kCfgPm2PayloadBytes + UBX_CHECKSUM_BYTES] = {
       UBX_SYNC_1, UBX_SYNC_2, 0x06, 0x3B, kCfgPm2PayloadBytes, 0x00};
