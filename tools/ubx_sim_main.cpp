@@ -1,19 +1,14 @@
 // ubx-sim: the simulated u-blox receiver on a pseudo-terminal, for the
 // service (device = a serial path) or any serial tool to talk to.
-#include <fcntl.h>
 #include <signal.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <string>
 
+#include "sim/pty_link.h"
 #include "sim/runner.h"
 #include "sim/setup.h"
 
@@ -32,69 +27,6 @@ Without --scenario the receiver drives a 4.1 km loop through central Paris
 
 The receiver starts powered, writes NMEA (RMC VTG GGA GSA GSV GLL) every fix
 period and answers UBX commands; SIGINT or SIGTERM removes the link and exits.)";
-
-std::string ErrnoText(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
-
-// A pseudo-terminal in raw mode: no echo, no line discipline, no CR LF
-// translation, so the client sees the receiver's bytes unchanged. Returns
-// the master (non-blocking) and the slave's path.
-int OpenRawPty(std::string* slavePath, std::string* error) {
-  const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  if (master < 0) {
-    *error = ErrnoText("posix_openpt");
-    return -1;
-  }
-  char name[128];
-  if (grantpt(master) != 0 || unlockpt(master) != 0 || ptsname_r(master, name, sizeof name) != 0) {
-    *error = ErrnoText("pseudo-terminal set-up");
-    close(master);
-    return -1;
-  }
-  // The settings live as long as the master, across clients opening and
-  // closing the slave.
-  const int slave = open(name, O_RDWR | O_NOCTTY);
-  termios tio{};
-  if (slave < 0 || tcgetattr(slave, &tio) != 0) {
-    *error = ErrnoText(name);
-    if (slave >= 0) close(slave);
-    close(master);
-    return -1;
-  }
-  cfmakeraw(&tio);
-  tcsetattr(slave, TCSANOW, &tio);
-  close(slave);
-  fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
-  fcntl(master, F_SETFD, FD_CLOEXEC);
-  *slavePath = name;
-  return master;
-}
-
-// A stale symbolic link is replaced; anything else at `link` is left alone.
-bool CreateLink(const std::string& target, const std::string& link, std::string* error) {
-  struct stat st{};
-  if (lstat(link.c_str(), &st) == 0) {
-    if (!S_ISLNK(st.st_mode)) {
-      *error = "refusing to replace " + link + ": not a symbolic link";
-      return false;
-    }
-    if (unlink(link.c_str()) != 0) {
-      *error = ErrnoText(link.c_str());
-      return false;
-    }
-  }
-  if (symlink(target.c_str(), link.c_str()) != 0) {
-    *error = ErrnoText(link.c_str());
-    return false;
-  }
-  return true;
-}
-
-// Removes the link only while it still points at our slave.
-void RemoveLink(const std::string& target, const std::string& link) {
-  char buffer[256];
-  const ssize_t n = readlink(link.c_str(), buffer, sizeof buffer - 1);
-  if (n > 0 && std::string(buffer, static_cast<size_t>(n)) == target) unlink(link.c_str());
-}
 
 }  // namespace
 
@@ -134,12 +66,12 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   std::string slavePath;
-  const int master = OpenRawPty(&slavePath, &error);
+  const int master = gps::sim::OpenRawPty(&slavePath, &error);
   if (master < 0) {
     std::fprintf(stderr, "ubx-sim: %s\n", error.c_str());
     return 1;
   }
-  if (!CreateLink(slavePath, link, &error)) {
+  if (!gps::sim::CreateLink(slavePath, link, &error)) {
     std::fprintf(stderr, "ubx-sim: %s\n", error.c_str());
     close(master);
     return 1;
@@ -147,7 +79,7 @@ int main(int argc, char** argv) {
   gps::sim::Runner runner(master, std::move(*receiver), gps::sim::RunnerOptions{slavePath});
   if (!runner.Start(&error)) {
     std::fprintf(stderr, "ubx-sim: %s\n", error.c_str());
-    RemoveLink(slavePath, link);
+    gps::sim::RemoveLink(slavePath, link);
     return 1;
   }
   std::printf("ubx-sim: %s receiver serving on %s (link %s)\n", model.c_str(), slavePath.c_str(), link.c_str());
@@ -156,6 +88,6 @@ int main(int argc, char** argv) {
   int signal = 0;
   sigwait(&signals, &signal);
   runner.Stop();
-  RemoveLink(slavePath, link);
+  gps::sim::RemoveLink(slavePath, link);
   return 0;
 }

@@ -3,11 +3,8 @@
 #include "sim/runner.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -19,8 +16,6 @@
 
 #include "tests/sim/sim_test_support.h"
 
-extern char** environ;
-
 namespace gps::sim {
 namespace {
 
@@ -28,20 +23,6 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 bool HasGga(const std::string& s) { return s.find("GGA,") != std::string::npos; }
-
-// Reads from `fd` for `timeout`, or until a GGA came when `untilGga`.
-std::string ReadFor(int fd, std::chrono::milliseconds timeout, bool untilGga = false) {
-  std::string got;
-  for (const auto end = Clock::now() + timeout; Clock::now() < end && !(untilGga && HasGga(got));) {
-    pollfd p{fd, POLLIN, 0};
-    char buffer[4096];
-    if (poll(&p, 1, 20) <= 0) continue;
-    const ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n <= 0) break;
-    got.append(buffer, static_cast<size_t>(n));
-  }
-  return got;
-}
 
 // A host that stops reading: the runner's queue stays bounded by dropping
 // whole messages, so what finally arrives is still a clean stream.
@@ -60,7 +41,7 @@ TEST(SimRunner, SlowPeerLosesOnlyWholeMessages) {
   const testing::Bytes rate = testing::Frame(0x06, 0x08, {50, 0, 1, 0, 1, 0});
   ASSERT_EQ(write(fds[1], rate.data(), rate.size()), static_cast<ssize_t>(rate.size()));
   std::this_thread::sleep_for(2s);
-  const testing::Output out = testing::Parse(ReadFor(fds[1], 1000ms));
+  const testing::Output out = testing::Parse(testing::ReadFor(fds[1], 1000ms));
   EXPECT_TRUE(out.wellFormed);
   // Epochs are 50 ms apart: a larger step between two GGA is where messages were dropped.
   const std::vector<std::string> ggas = out.Sentences("GGA");
@@ -83,23 +64,8 @@ TEST(SimTool, ServesNmeaOnItsLinkUntilTerminated) {
     ~RemoveDir() { std::filesystem::remove_all(path); }
   } removeDir{dir};
   const std::filesystem::path link = std::filesystem::path(dir) / "gps";
-  const std::string linkText = link.string();
-  const char* argv[] = {UBX_SIM_BINARY, "--link", linkText.c_str(), "--ttff-ms", "500", nullptr};
-  struct Tool {  // killed and reaped however the test ends
-    pid_t pid = -1;
-    explicit Tool(const char** argv) {
-      posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ);
-    }
-    ~Tool() {
-      if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
-    }
-    int ExitStatus() {  // -1 when it has not exited normally within 3 s
-      int status = 0;
-      for (const auto end = Clock::now() + 3s; pid > 0 && Clock::now() < end; std::this_thread::sleep_for(20ms))
-        if (waitpid(pid, &status, WNOHANG) == pid) return pid = -1, WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-      return -1;
-    }
-  };
+  const std::vector<std::string> argv = {UBX_SIM_BINARY, "--link", link.string(), "--ttff-ms", "500"};
+  using Tool = testing::ChildProcess;
 
   std::ofstream(link) << "keep me";
   EXPECT_GT(Tool(argv).ExitStatus(), 0);
@@ -107,20 +73,20 @@ TEST(SimTool, ServesNmeaOnItsLinkUntilTerminated) {
   std::filesystem::remove(link);
 
   Tool tool(argv);
-  ASSERT_GT(tool.pid, 0);
+  ASSERT_GT(tool.pid(), 0);
   for (const auto end = Clock::now() + 2s; !std::filesystem::is_symlink(link) && Clock::now() < end;)
     std::this_thread::sleep_for(20ms);
   ASSERT_TRUE(std::filesystem::is_symlink(link));
   for (int client = 0; client < 2; ++client) {
-    const int fd = open(linkText.c_str(), O_RDWR | O_NOCTTY);
+    const int fd = open(link.c_str(), O_RDWR | O_NOCTTY);
     ASSERT_GE(fd, 0);
-    const std::string got = ReadFor(fd, 2000ms, true);
+    const std::string got = testing::ReadFor(fd, 2000ms, HasGga);
     close(fd);
     EXPECT_TRUE(HasGga(got)) << "client " << client << " got: " << got;
     EXPECT_EQ(got.substr(0, 1), "$") << "client " << client << " starts on a sentence";
     EXPECT_TRUE(testing::Parse(got).wellFormed);
   }
-  ASSERT_EQ(kill(tool.pid, SIGTERM), 0);
+  ASSERT_TRUE(tool.Signal(SIGTERM));
   EXPECT_EQ(tool.ExitStatus(), 0);
   EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link)));
 }
