@@ -339,9 +339,15 @@ void RunPass(EngineThread& thread, gps_private_info_t* infos) {
     return;
   }
 
-  // A powered receiver is read on every pass, woken or not, so it is served
-  // at least once a second even with nothing to wait on.
-  if (ReadLocked(infos->power_state) != 0 && infos->com_gps != GPS_INVALID_HANDLE) ServeReceiver(thread, infos);
+  // A powered u-blox receiver is read on every pass, woken or not, so it is
+  // served at least once a second even with nothing to wait on. The modem's
+  // line is a blocking descriptor that carries nothing until the modem has
+  // been told to run: it is read only when the wait found data on it, so that
+  // a pending power request is never stuck behind a read.
+  const bool receiverReadable = receiverFd >= 0 && Readable(slots[0]);
+  if (ReadLocked(infos->power_state) != 0 && infos->com_gps != GPS_INVALID_HANDLE &&
+      (lib_GPS_IsUbxModule(infos->module_type) || receiverReadable))
+    ServeReceiver(thread, infos);
 
   if (transparentFd != -1 && Readable(slots[transparentSlot]) && infos->com_transp_handle == transparentFd)
     ServeTransparentDevice(thread, infos);

@@ -28,6 +28,22 @@ bool WriteAll(int fd, const void* data, size_t size) {
   return true;
 }
 
+// Reads and drops `length` answer bytes; an answer longer than any modem
+// sends means the two ends are out of step, and the line is flushed instead.
+void DiscardResponse(int fd, uint32_t length) {
+  constexpr uint32_t kLongestAnswer = 64 * 1024;
+  if (length > kLongestAnswer) {
+    tcflush(fd, TCIFLUSH);
+    return;
+  }
+  uint8_t scrap[256];
+  while (length > 0) {
+    const uint32_t part = length < sizeof scrap ? length : sizeof scrap;
+    if (data_read(fd, scrap, part) != 0) return;
+    length -= part;
+  }
+}
+
 }  // namespace
 
 int PTY_OpenDevice(const char* path) {
@@ -90,6 +106,10 @@ int PTY_SendCommand(uint32_t command, uint8_t* buffer, int32_t bufferSize, uint3
     pthread_mutex_unlock(&pty_lock);
     return -1;
   }
+  // The line also carries the receiver's sentences: whatever of them is still
+  // unread would be taken for the answer. The receiver is being started or
+  // stopped, so dropping them loses nothing that matters.
+  tcflush(fd, TCIFLUSH);
   uint32_t header[2] = {command, dataLength};
   uint32_t first = 0;
   uint32_t status = 0;
@@ -107,6 +127,9 @@ int PTY_SendCommand(uint32_t command, uint8_t* buffer, int32_t bufferSize, uint3
     if (static_cast<int32_t>(length) > bufferSize || static_cast<int32_t>(length) < 0) {
       lib_GPS_Trace(3, "PTY_SendCommand: Not enough space to store response (%d < %d)!", bufferSize,
                     static_cast<int32_t>(length));
+      // Read the answer to its end all the same, so that the next exchange
+      // does not start in the middle of this one.
+      DiscardResponse(fd, length);
       result = -1;
     } else if (!buffer) {
       lib_GPS_Trace(3, "PTY_SendCommand: No buffer to store response!");

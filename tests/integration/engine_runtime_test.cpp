@@ -2,6 +2,7 @@
 // drives it, with a simulated receiver on a real serial line.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sys/eventfd.h>
@@ -9,6 +10,8 @@
 
 #include "engine/gps_geolocating.h"
 #include "param/gps_parameters.h"
+#include "platform/root.h"
+#include "sim/modem_channel.h"
 #include "tests/integration/engine_process.h"
 #include "tests/sim/sim_test_support.h"
 #include "tests/support/pty_receiver.h"
@@ -268,6 +271,44 @@ TEST(EngineControl, TransparentDeviceForwardsBothWaysAndSurvivesTheToolLeaving) 
     EXPECT_EQ(lib_GPS_Geolocating_GPS_GetFixUpdatePeriodInms(&period), 0) << "the engine thread still serves";
     EXPECT_EQ(lib_GPS_Geolocating_GPS_SetTransparentDevice("/dev/a-name-too-long"),
               GEOLOCATING_GPS_ERROR_INVALID_PARAMETER);
+  });
+}
+
+// The GPRS modem's receiver: version and run at power-on over the command
+// channel, fixes from the NMEA stream on the same line, stop at power-off.
+TEST(EngineControl, GprsModemReceiverIsRunFromItsCommandChannel) {
+  gps::test::TempRoot root;
+  InEngineProcess([&] {
+    std::ofstream(root / "platform.ini") << "[platform]\nmodule_type = 0\n";
+    gps::platform::ReloadRoot();
+    const gps::test::RawPty pty = gps::test::OpenRawPty();
+    std::filesystem::create_directories(root / "tmp");
+    std::filesystem::create_symlink(pty.slave, root / "tmp/gps_dgprs");
+    gps::sim::ModemConfig config;
+    config.versionText = "MODEM GNSS 4.2";
+    config.fixPeriodMs = 200;
+    config.ttffMs = 0;
+    gps::sim::ModemChannel modem(pty.master,
+                                 gps::sim::ModemGps(config, gps::sim::Scenario::FixedPoint({-33.8688, 151.2093, 20})));
+    std::string error;
+    ASSERT_TRUE(modem.Start(&error)) << error;
+
+    gps_dll_init();
+    lib_GPS_Geolocating_GPS_SetPower(1);
+    ASSERT_TRUE(WaitFor([] { return GetPosition(GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX).result == 0; }));
+    const Position fix = GetPosition(GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX);
+    EXPECT_EQ(std::string(fix.latitude).substr(0, 4), "3352") << fix.latitude;
+    EXPECT_EQ(std::string(fix.latitude).back(), 'S');
+    EXPECT_EQ(std::string(fix.longitude).back(), 'E');
+
+    char sw[32] = {}, hw[16] = {}, e1[32] = {}, e2[32] = {}, e3[32] = {}, e4[32] = {};
+    EXPECT_EQ(lib_GPS_Geolocating_GPS_GetVersion(sw, hw, e1, e2, e3, e4), GEOLOCATING_GPS_ERROR_NO_VERSION)
+        << "no u-blox version behind a modem";
+    EXPECT_STREQ(sw, "MODEM GNSS 4.2");
+
+    lib_GPS_Geolocating_GPS_SetPower(0);
+    EXPECT_TRUE(WaitFor([&] { return !modem.running(); })) << "stopped";
+    EXPECT_EQ(modem.ReceivedCommands(), (std::vector<uint32_t>{0x812C, 0x812D, 0x812E}));
   });
 }
 

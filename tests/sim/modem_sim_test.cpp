@@ -262,17 +262,21 @@ TEST_F(ModemSimWithEngine, EngineAndModemAgreeOnEveryExchange) {
 // on the line. Its next exchange takes the first 12 of those bytes for its
 // answer and fails too, leaving as much behind as it consumed; only reading
 // the line as receiver data brings the two ends back in step.
-TEST_F(ModemSimWithEngine, VersionTooLongForTheEngineShiftsItsExchangesUntilDrained) {
-  Start(1000, 0, std::string(60, 'v'));
-  const int fd = OpenEngineChannel();
+// An answer larger than the engine's buffer is refused but read to its end,
+// and so are sentences left unread before a command: the next exchange is in
+// step with the modem.
+TEST_F(ModemSimWithEngine, OversizedAnswersAndUnreadSentencesDoNotShiftTheExchanges) {
+  Start(100, 0, std::string(60, 'v'));
+  OpenEngineChannel();
   test::LogCapture log;
   uint8_t version[50] = {};
   EXPECT_EQ(PTY_SendCommand(DGPRS_FIOCTL_GPS_GET_VERSION, version, sizeof version, 0), -1);
   EXPECT_TRUE(log.contains("[GPS] PTY_SendCommand: Not enough space to store response (50 < 61)!"));
-  EXPECT_EQ(PTY_SendCommand(DGPRS_FIOCTL_GPS_STOP, nullptr, 0, 0), -1);
-  EXPECT_EQ(testing::ReadFor(fd, 300ms), std::string(60 - 12, 'v') + '\0' + Response(0x812E, 0));
-  EXPECT_EQ(channel_->commandCount(), 2u) << "the modem answered both";
-  EXPECT_EQ(PTY_SendCommand(DGPRS_FIOCTL_GPS_STOP, nullptr, 0, 0), 0) << "in step again";
+  EXPECT_EQ(PTY_SendCommand(DGPRS_FIOCTL_GPS_RUN, nullptr, 0, 0), 0);
+  std::this_thread::sleep_for(350ms);  // sentences pile up unread
+  EXPECT_EQ(PTY_SendCommand(DGPRS_FIOCTL_GPS_STOP, nullptr, 0, 0), 0);
+  EXPECT_FALSE(channel_->running());
+  EXPECT_EQ(channel_->commandCount(), 3u);
 }
 
 TEST(ModemSimTool, ServesOnItsLinkUntilTerminated) {
