@@ -243,7 +243,9 @@ TEST(EngineControl, ModuleTraceHoldsTheTrafficWhileLoggingIsOn) {
 TEST(EngineControl, TransparentDeviceForwardsBothWaysAndSurvivesTheToolLeaving) {
   gps::test::TempRoot root;
   InEngineProcess([&] {
-    gps::test::LogCapture log;
+    // The engine thread logs until the process ends, so the capture must not
+    // end before it.
+    auto& log = *new gps::test::LogCapture;
     const gps::test::RawPty tool = gps::test::OpenRawPty();
     SimulatedReceiver sim(root, QuickFix(), "[Expertise]\ntransparent = " + tool.slave + "\n");
     gps_dll_init();
