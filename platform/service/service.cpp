@@ -370,19 +370,27 @@ void Service::readFrom(Connection& connection) {
 }
 
 void Service::processFrames(Connection& connection) {
-  while (!connection.closing && !connection.backlogged()) {
-    FrameHeader header;
-    std::span<const uint8_t> payload;
-    const FrameReader::Result result = connection.reader.next(header, payload);
-    if (result == FrameReader::Result::NeedMore) break;
-    if (result == FrameReader::Result::Broken) {
-      Sys_log(3, "service: connection %d (uid %u) sent a broken frame (%s); closing it.", connection.fd,
-              static_cast<unsigned>(connection.certificate.uid()),
-              HeaderStatusText(connection.reader.brokenStatus()));
-      connection.closing = true;
-      break;
+  // Frames already received are handled until the reader runs dry; when
+  // answers pile up the loop pauses, and writing some of them out lets it go
+  // on, since no new data may ever arrive to wake this connection again.
+  for (;;) {
+    while (!connection.closing && !connection.backlogged()) {
+      FrameHeader header;
+      std::span<const uint8_t> payload;
+      const FrameReader::Result result = connection.reader.next(header, payload);
+      if (result == FrameReader::Result::NeedMore) return;
+      if (result == FrameReader::Result::Broken) {
+        Sys_log(3, "service: connection %d (uid %u) sent a broken frame (%s); closing it.", connection.fd,
+                static_cast<unsigned>(connection.certificate.uid()),
+                HeaderStatusText(connection.reader.brokenStatus()));
+        connection.closing = true;
+        return;
+      }
+      handleFrame(connection, header, payload);
     }
-    handleFrame(connection, header, payload);
+    if (connection.closing) return;
+    flush(connection);
+    if (connection.backlogged()) return;
   }
 }
 

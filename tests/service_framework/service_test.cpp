@@ -199,6 +199,41 @@ TEST(ServiceTest, StalledClientsDoNotHoldUpOthersAndAreClosed) {
   EXPECT_TRUE(WaitFor([&] { return running.service.connectionCount() == 0; }));
 }
 
+TEST(ServiceTest, SlowReaderGetsEveryAnswerOnceItReads) {
+  // More answers than the send buffer holds: the service must stop taking
+  // requests from this client until it reads, not drop it.
+  ServiceLimits limits;
+  limits.maxSendBufferBytes = 16 * 1024;
+  RunningService running(limits);
+  running.start();
+  ClientConnection client;
+  ASSERT_EQ(client.connect("local.device.gps", kWaitMs), 0);
+  SetGetStateRequest request;
+  request.mutable_parameters()->set_poweron(true);
+  constexpr uint32_t kRequests = 5000;
+  std::vector<uint8_t> burst;
+  for (uint32_t id = 1; id <= kRequests; ++id) AppendMessageFrame(burst, FrameKind::Request, id, request);
+  std::thread sender([&] {
+    // Raw writes: the reading side of the connection belongs to the test.
+    size_t sent = 0;
+    pollfd writable{client.descriptor(), POLLOUT, 0};
+    while (sent < burst.size() && ::poll(&writable, 1, static_cast<int>(kWaitMs)) == 1) {
+      const ssize_t n = ::send(client.descriptor(), burst.data() + sent, burst.size() - sent, MSG_NOSIGNAL);
+      if (n <= 0 && errno != EAGAIN) break;
+      if (n > 0) sent += static_cast<size_t>(n);
+    }
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  uint32_t expected = 1;
+  for (; expected <= kRequests; ++expected) {
+    FrameHeader header;
+    std::vector<uint8_t> payload;
+    if (client.receiveFrame(header, payload, kWaitMs) != 0 || header.requestId != expected) break;
+  }
+  sender.join();
+  EXPECT_EQ(expected, kRequests + 1);
+}
+
 TEST(ServiceTest, ServesHundredsOfConnectionsWithoutLeakingDescriptors) {
   const int before = OpenDescriptorCount();
   {
