@@ -323,7 +323,8 @@ class OtherUserTest : public ::testing::Test {
 
   // Sends the request as nobody from a child process; the code of the answer
   // (0 for a response), or a framework code when there was none.
-  os::Error RequestAsNobody(const std::string& socketPath, const google::protobuf::Message& request) {
+  os::Error RequestAsNobody(const std::string& socketPath, const google::protobuf::Message& request,
+                            const std::vector<gid_t>& supplementaryGroups) {
     const std::vector<uint8_t> frame = RequestFrame(request, 77);
     int pipeFds[2];
     if (::pipe(pipeFds) != 0) return ERROR_IO;
@@ -332,7 +333,7 @@ class OtherUserTest : public ::testing::Test {
       // Only system calls from here: the parent has other threads.
       ::close(pipeFds[0]);
       os::Error result = ERROR_IO;
-      if (::setgroups(0, nullptr) == 0 && ::setgid(gid_) == 0 && ::setuid(uid_) == 0) {
+      if (::setgroups(supplementaryGroups.size(), supplementaryGroups.data()) == 0 && ::setgid(gid_) == 0 && ::setuid(uid_) == 0) {
         const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -385,6 +386,7 @@ TEST_F(OtherUserTest, RolesComeFromPeerCredentialsAndThePermissionsFile) {
   struct Case {
     const char* legend;
     const char* permissionsIni;  // null: no file
+    std::vector<gid_t> supplementaryGroups;
     os::Error stateResult;       // SetGetStateRequest: any role
     os::Error notifyResult;      // NotifyRequest: platform roles only
   };
@@ -392,12 +394,15 @@ TEST_F(OtherUserTest, RolesComeFromPeerCredentialsAndThePermissionsFile) {
   const std::string byUid = "[users]\n" + nobodyUid + " = web-platform\n";
   const std::string byGroup = "[groups]\n" + std::to_string(gid_) + " = quilla-platform\n";
   const Case cases[] = {
-      {"no file: vertical only", nullptr, 0, ERROR_PERMISSION_DENIED},
-      {"user by name without roles", "[users]\nnobody = \n", ERROR_PERMISSION_DENIED, ERROR_PERMISSION_DENIED},
-      {"user by name, payment", "[users]\nnobody = payment\n", 0, ERROR_PERMISSION_DENIED},
-      {"user by uid, web platform", byUid.c_str(), 0, 0},
-      {"primary group, Quilla platform", byGroup.c_str(), 0, 0},
-      {"default roles", "[default]\nroles = android\n", 0, ERROR_PERMISSION_DENIED},
+      {"no file: vertical only", nullptr, {}, 0, ERROR_PERMISSION_DENIED},
+      {"user by name without roles", "[users]\nnobody = \n", {}, ERROR_PERMISSION_DENIED, ERROR_PERMISSION_DENIED},
+      {"user by name, payment", "[users]\nnobody = payment\n", {}, 0, ERROR_PERMISSION_DENIED},
+      {"user by uid, web platform", byUid.c_str(), {}, 0, 0},
+      {"primary group, Quilla platform", byGroup.c_str(), {}, 0, 0},
+      {"supplementary group, web platform", "[groups]\n4242 = web-platform\n", {4241, 4242}, 0, 0},
+      {"supplementary group not held", "[groups]\n4242 = web-platform\n", {4241}, ERROR_PERMISSION_DENIED,
+       ERROR_PERMISSION_DENIED},
+      {"default roles", "[default]\nroles = android\n", {}, 0, ERROR_PERMISSION_DENIED},
   };
   const std::string ini = running.root / "etc/permissions.ini";
   ASSERT_TRUE(gps::platform::MakeDirectories(running.root / "etc"));
@@ -410,8 +415,9 @@ TEST_F(OtherUserTest, RolesComeFromPeerCredentialsAndThePermissionsFile) {
     } else {
       ::unlink(ini.c_str());
     }
-    EXPECT_EQ(RequestAsNobody(socket, SetGetStateRequest()), c.stateResult) << c.legend;
-    EXPECT_EQ(RequestAsNobody(socket, desktopenv::NotifyRequest()), c.notifyResult) << c.legend;
+    EXPECT_EQ(RequestAsNobody(socket, SetGetStateRequest(), c.supplementaryGroups), c.stateResult) << c.legend;
+    EXPECT_EQ(RequestAsNobody(socket, desktopenv::NotifyRequest(), c.supplementaryGroups), c.notifyResult)
+        << c.legend;
   }
   EXPECT_EQ(running.probe.lastUid, uid_);
 }
