@@ -1,0 +1,284 @@
+#include "service/gps_core.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "engine/gps_geolocating.h"
+#include "platform/os.h"
+
+namespace gpsmsg = halvorda::device::gps;
+namespace service = halvorda::service;
+using halvorda::os::Error;
+
+namespace {
+
+constexpr uint32_t kAcceptOldFix = GEOLOCATING_GPS_ACCEPT_OLD_FIX;
+constexpr uint32_t kForever = 0xFFFFFFFFu;
+
+service::Permissions PlatformOnly() {
+  return service::Permissions(service::Permissions::ALL_QUILLA_PLATFORM + service::Permissions::ALL_WEB_PLATFORM);
+}
+
+service::Permissions PlatformAndPayment() {
+  return service::Permissions(service::Permissions::ALL_QUILLA_PLATFORM + service::Permissions::ALL_WEB_PLATFORM +
+                              service::Permissions::PAYMENT + service::Permissions::QUILLA_P2PE +
+                              service::Permissions::WEB_P2PE);
+}
+
+service::Permissions Everyone() {
+  return service::Permissions(service::Permissions::ALL_QUILLA_PLATFORM + service::Permissions::ALL_WEB_PLATFORM +
+                              service::Permissions::PAYMENT + service::Permissions::QUILLA_P2PE +
+                              service::Permissions::WEB_P2PE + service::Permissions::VERTICAL +
+                              service::Permissions::ANDROID);
+}
+
+// One 16-byte text query of the engine; a current fix only (result 0) fills
+// the field.
+template <typename Query, typename Setter>
+Error ReadCurrentText(Query query, Setter set) {
+  char text[16] = {};
+  uint32_t age = 0;
+  if (query(text, &age, kAcceptOldFix) != GEOLOCATING_GPS_ERROR_SUCCESS) return GPS_SERVICE_ERROR_FAILED;
+  set(std::string(text, strnlen(text, sizeof text)));
+  return 0;
+}
+
+int Digits(const std::string& text, size_t at, size_t count) { return std::atoi(text.substr(at, count).c_str()); }
+
+}  // namespace
+
+GPSCore::GPSCore(service::Service* service)
+    : service::Interfacable(service::Link::LINK_TYPE_STREAM, nullptr),
+      m_service(service),
+      m_iParams(gpsmsg::Parameters::instantiate()) {
+  gps_dll_init();
+  Sys_log(7, "GPSCore::GPSCore( )_IN");
+  m_service->attachConfig(m_iParams.get(), false);
+  bind(new service::MessageEventBind<GPSCore, service::ConfigurationModifiedEvent>(
+      this, &GPSCore::onConfigurationModified, service::ConfigurationModifiedEvent::getMessageTypeStatic(),
+      PlatformAndPayment()));
+  // A receiver the stored parameters want on is switched on before the first
+  // request is accepted.
+  if (m_iParams->has_poweron() && m_iParams->poweron()) setPower(1);
+  bind(new service::MessageMethodBind<GPSCore>(this, &GPSCore::setState, gpsmsg::SetGetStateRequest::messageType(),
+                                               Everyone()));
+  m_service->attachProxy(&m_inactivityHandler, "", kForever);
+  m_inactivityHandler.bind(new service::MessageEventBind<GPSCore, halvorda::desktopenv::WakeupEvent>(
+      this, &GPSCore::onWakeup, halvorda::desktopenv::WakeupEvent::getMessageTypeStatic(), PlatformOnly()));
+  bind(new service::MessageMethodBind<GPSCore>(this, &GPSCore::onNotify,
+                                               halvorda::desktopenv::NotifyRequest::messageType(), PlatformOnly()));
+  m_service->setReservationWhiteList({halvorda::desktopenv::NotifyRequest::messageType()});
+  Sys_log(7, "GPSCore::GPSCore( )_OUT ");
+}
+
+GPSCore::~GPSCore() { m_service->detachConfig(); }
+
+Error GPSCore::setState(service::Link& link) {
+  auto request = gpsmsg::SetGetStateRequest::instantiate();
+  auto response = gpsmsg::SetGetStateResponse::instantiate();
+  response->set_allocated_parameters(gpsmsg::Parameters::newOne(*m_iParams).release());
+  bool changed = false;
+  bool on = false;
+  Error result = 0;
+
+  Sys_log(3, "GPSCore: setState BEGIN");
+  if (const Error decoded = link.decode(*request); decoded != 0) return decoded;
+
+  if (request->has_parameters()) {
+    const halvorda::os::Certificate& caller = link.getCertificate();
+    if (!caller.isQuillaPlatform() && !caller.isWebPlatform() && !caller.isPayment() && !caller.isP2PE())
+      return GPS_SERVICE_ERROR_PERMISSION;
+    updateParameters(request->parameters(), changed);
+  }
+
+  if (!changed && m_iParams->poweron()) {
+    Sys_log(3, "GPSCore: m_iParams->poweron");
+    if (getPowerState(on) != 0 || !on) {
+      result = GPS_SERVICE_ERROR_NOT_POWERED;
+    } else {
+      fillState(*response);
+    }
+  }
+  if (result == 0) {
+    response->mutable_parameters()->CopyFrom(*m_iParams);
+    result = link.send(*response);
+  }
+  if (changed) m_service->save();
+  return result;
+}
+
+Error GPSCore::updateParameters(const gpsmsg::Parameters& requested, bool& changed) {
+  changed = false;
+  Sys_log(3, "GPSCore: updateParameters");
+  if (requested.has_poweron() && requested.poweron() != m_iParams->poweron()) {
+    Sys_log(3, "GPSCore: has_poweron");
+    setPower(requested.poweron() ? 1 : 0);
+    m_iParams->set_poweron(requested.poweron());
+    changed = true;
+  }
+  if (requested.has_keepon() && requested.keepon() != m_iParams->keepon()) {
+    m_iParams->set_keepon(requested.keepon());
+    changed = true;
+  }
+  return 0;
+}
+
+Error GPSCore::setPower(int on) {
+  if (lib_GPS_Geolocating_GPS_SetPower(static_cast<uint32_t>(on)) != 0) {
+    Sys_log(3, "GPS: setPower(%d) FAILED", on);
+    return GPS_SERVICE_ERROR_FAILED;
+  }
+  Sys_log(7, "GPS: setPower(%d) OK", on);
+  return 0;
+}
+
+Error GPSCore::getPowerState(bool& on) {
+  uint32_t value = 0;
+  if (lib_GPS_Geolocating_GPS_GetPower(&value) != 0) return GPS_SERVICE_ERROR_FAILED;
+  on = value == 1;
+  return 0;
+}
+
+void GPSCore::fillState(gpsmsg::SetGetStateResponse& response) {
+  response.set_allocated_state(gpsmsg::State::newOne().release());
+  gpsmsg::State& state = *response.mutable_state();
+  readTtff(state);
+  readPosition(state);
+  readDateTime(state);
+  readSpeedKmh(state);
+  readSpeedKnot(state);
+  readHeading(state);
+  readHdop(state);
+  readAltitude(state);
+}
+
+Error GPSCore::readTtff(gpsmsg::State& state) {
+  uint8_t status[16] = {};
+  uint32_t tick = 0;
+  if (lib_GPS_Geolocating_GPS_GetTTFF(status, &tick) != 0) return GPS_SERVICE_ERROR_FAILED;
+  uint32_t ttff = 0;
+  std::memcpy(&ttff, status + 8, sizeof ttff);
+  if (ttff == 0) return GPS_SERVICE_ERROR_FAILED;
+  state.set_ttff(ttff);
+  return 0;
+}
+
+Error GPSCore::readPosition(gpsmsg::State& state) {
+  char longitude[16] = {};
+  char latitude[16] = {};
+  uint32_t age = 0;
+  const int32_t result = lib_GPS_Geolocating_GPS_GetPosition(longitude, latitude, &age, kAcceptOldFix);
+  if (result != GEOLOCATING_GPS_ERROR_SUCCESS && result != GEOLOCATING_GPS_ERROR_OLD_COORDINATES)
+    return GPS_SERVICE_ERROR_FAILED;
+  const std::string lat(latitude, strnlen(latitude, sizeof latitude));
+  const std::string lon(longitude, strnlen(longitude, sizeof longitude));
+  if (lat.empty() || lon.empty()) return GPS_SERVICE_ERROR_FAILED;
+  state.set_strlatitude(lat);
+  state.set_strlongitude(lon);
+  state.set_latitude(convertAngleNMEA(lat));
+  state.set_longitude(convertAngleNMEA(lon));
+  return 0;
+}
+
+Error GPSCore::readDateTime(gpsmsg::State& state) {
+  char date[16] = {};
+  char time[16] = {};
+  uint32_t age = 0;
+  const int32_t result = lib_GPS_Geolocating_GPS_GetDateAndTime(date, time, &age, kAcceptOldFix);
+  if (result != GEOLOCATING_GPS_ERROR_SUCCESS && result != GEOLOCATING_GPS_ERROR_OLD_COORDINATES)
+    return GPS_SERVICE_ERROR_FAILED;
+  const std::string dateText(date, strnlen(date, sizeof date));
+  const std::string timeText(time, strnlen(time, sizeof time));
+  Sys_log(7, "readDateTime() lib_GPS_Geolocating_GPS_GetDateAndTime : date=%s time=%s age=%u result = %d",
+          dateText.c_str(), timeText.c_str(), age, result);
+  // dd/mm/yyyy and HHhMMmSSs
+  if (dateText.size() != 10 || timeText.size() != 9) {
+    state.set_old(true);
+    return GPS_SERVICE_ERROR_FAILED;
+  }
+  halvorda::desktopenv::Date* when = state.mutable_date();
+  when->set_day(static_cast<uint32_t>(Digits(dateText, 0, 2)));
+  when->set_month(static_cast<uint32_t>(Digits(dateText, 3, 2)));
+  when->set_year(static_cast<uint32_t>(Digits(dateText, 6, 4)));
+  when->set_hour(static_cast<uint32_t>(Digits(timeText, 0, 2)));
+  when->set_minute(static_cast<uint32_t>(Digits(timeText, 3, 2)));
+  when->set_second(static_cast<uint32_t>(Digits(timeText, 6, 2)));
+  const bool old = result == GEOLOCATING_GPS_ERROR_OLD_COORDINATES;
+  state.set_old(old);
+  state.set_age(old ? age : 0);
+  return 0;
+}
+
+Error GPSCore::readSpeedKmh(gpsmsg::State& state) {
+  return ReadCurrentText(lib_GPS_Geolocating_GPS_GetSpeedKMH, [&](const std::string& t) { state.set_speedkmh(t); });
+}
+
+Error GPSCore::readSpeedKnot(gpsmsg::State& state) {
+  return ReadCurrentText(lib_GPS_Geolocating_GPS_GetSpeedKnot, [&](const std::string& t) { state.set_speedknot(t); });
+}
+
+Error GPSCore::readHeading(gpsmsg::State& state) {
+  return ReadCurrentText(lib_GPS_Geolocating_GPS_GetHeading, [&](const std::string& t) { state.set_heading(t); });
+}
+
+Error GPSCore::readHdop(gpsmsg::State& state) {
+  return ReadCurrentText(lib_GPS_Geolocating_GPS_GetHDOP, [&](const std::string& t) { state.set_hdop(t); });
+}
+
+Error GPSCore::readAltitude(gpsmsg::State& state) {
+  return ReadCurrentText(lib_GPS_Geolocating_GPS_GetAltitude, [&](const std::string& t) { state.set_altitude(t); });
+}
+
+int32_t GPSCore::convertAngleNMEA(const std::string& angle) {
+  if (angle.empty()) return 0;
+  const char hemisphere = angle.back();
+  std::vector<std::string> pieces;
+  splitString(angle.substr(0, angle.size() - 1), '.', pieces);
+  if (pieces.size() != 2) {
+    Sys_log(7, "GPS: Erreur split angleNMEA size = %d", static_cast<int>(pieces.size()));
+    return 0;
+  }
+  const std::string& whole = pieces[0];
+  // Fewer than two digits before the point: all of it counts as minutes.
+  const size_t split = whole.size() >= 2 ? whole.size() - 2 : 0;
+  const int64_t degrees = std::atoi(whole.substr(0, split).c_str());
+  const int64_t minutes = std::atoi(whole.substr(split).c_str());
+  std::string fraction = pieces[1];
+  fraction.resize(5, '0');
+  int64_t value = 100000 * (60 * degrees + minutes) + std::atoi(fraction.c_str());
+  if (hemisphere == 'S' || hemisphere == 'W') value = -value;
+  return static_cast<int32_t>(value);
+}
+
+void GPSCore::splitString(const std::string& text, char delimiter, std::vector<std::string>& pieces) {
+  size_t start = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != delimiter) continue;
+    pieces.push_back(text.substr(start, i - start));
+    start = i + 1;
+    if (start == text.size()) return;  // no empty trailing piece
+  }
+  pieces.push_back(text.substr(start));
+}
+
+Error GPSCore::onNotify(service::Link& link) {
+  auto request = halvorda::desktopenv::NotifyRequest::instantiate();
+  if (const Error decoded = link.decode(*request); decoded != 0) return decoded;
+  if (m_iParams->poweron() && !m_iParams->keepon()) setPower(0);
+  auto response = halvorda::desktopenv::NotifyResponse::instantiate();
+  return link.send(*response);
+}
+
+Error GPSCore::onWakeup(const halvorda::desktopenv::WakeupEvent& /*event*/) {
+  if (m_iParams->poweron() && !m_iParams->keepon()) setPower(1);
+  return 0;
+}
+
+Error GPSCore::onConfigurationModified(const service::ConfigurationModifiedEvent& /*event*/) {
+  auto stored = gpsmsg::Parameters::instantiate();
+  m_service->acceptConfig();
+  m_service->load(*stored);
+  bool changed = false;  // the values came from the store: nothing to save
+  updateParameters(*stored, changed);
+  return 0;
+}

@@ -1,0 +1,154 @@
+// gps-service as a process under a fresh platform root with its embedded
+// simulated receiver, spoken to over its socket as an application would.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "halvorda/desktopenv/desktopenv.pb.h"
+#include "halvorda/device/gps/gps.pb.h"
+#include "platform/root.h"
+#include "platform/service/framework.h"
+#include "tests/integration/engine_process.h"
+#include "tests/sim/sim_test_support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using gps::sim::testing::ChildProcess;
+using gps::test::WaitFor;
+namespace msg = halvorda::device::gps;
+
+constexpr int32_t kPermissionRefused = -1000101;
+constexpr int32_t kNotPowered = -3000005;
+
+class GpsService : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::ofstream(root_ / "platform.ini") << "[sim]\nttff_ms = 300\n[log]\ntarget = stderr\n";
+    gps::platform::ReloadRoot();
+  }
+  void Start() {
+    service_ = std::make_unique<ChildProcess>(std::vector<std::string>{GPS_SERVICE_BINARY}, root_ / "service.log");
+    ASSERT_EQ(client_.connect("local.device.gps", 10000), 0) << "the service registers and answers";
+  }
+  void Kill() {
+    client_.close();
+    service_.reset();  // SIGKILL
+  }
+  int32_t Ask(msg::SetGetStateResponse& response, std::optional<bool> poweron = {}, std::optional<bool> keepon = {}) {
+    msg::SetGetStateRequest request;
+    if (poweron) request.mutable_parameters()->set_poweron(*poweron);
+    if (keepon) request.mutable_parameters()->set_keepon(*keepon);
+    response.Clear();
+    return client_.request(request, response, 5000);
+  }
+  bool CurrentFix() {
+    msg::SetGetStateResponse response;
+    return Ask(response) == 0 && response.has_state() && response.state().has_strlatitude() && !response.state().old();
+  }
+  std::string StoredConfig() const {
+    std::ifstream in(root_ / "config/local.device.gps.conf");
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+
+  gps::test::TempRoot root_;
+  std::unique_ptr<ChildProcess> service_;
+  halvorda::service::ClientConnection client_;
+};
+
+// Power on, a fix in the state, the standby and wake-up cycle, keep-on, and a
+// stored poweron that switches the receiver on before the first request after
+// a restart.
+TEST_F(GpsService, PowerFixStandbyWakeupAndRestart) {
+  Start();
+  msg::SetGetStateResponse response;
+  ASSERT_EQ(Ask(response), 0);
+  EXPECT_FALSE(response.has_state()) << "receiver off: parameters only";
+  EXPECT_FALSE(response.parameters().poweron());
+
+  ASSERT_EQ(Ask(response, true), 0);
+  EXPECT_TRUE(response.parameters().poweron());
+  EXPECT_FALSE(response.has_state()) << "a request that changed something carries no state";
+  EXPECT_NE(StoredConfig().find("poweron: true"), std::string::npos) << StoredConfig();
+
+  ASSERT_TRUE(WaitFor([&] { return CurrentFix(); }));
+  ASSERT_EQ(Ask(response), 0);
+  const msg::State& state = response.state();
+  EXPECT_GT(state.latitude(), 0);
+  EXPECT_EQ(state.latitude() / 100000 / 60, 48) << state.strlatitude();
+  EXPECT_GE(state.date().year(), 2024u);
+  EXPECT_EQ(state.age(), 0u);
+  EXPECT_TRUE(state.has_hdop() && state.has_altitude());
+
+  halvorda::desktopenv::NotifyResponse notified;
+  EXPECT_EQ(client_.request(halvorda::desktopenv::NotifyRequest(), notified, 5000), 0);
+  EXPECT_EQ(Ask(response), kNotPowered) << "standby switched the receiver off";
+  EXPECT_EQ(client_.sendEvent(halvorda::desktopenv::WakeupEvent(), 5000), 0);
+  EXPECT_TRUE(WaitFor([&] { return CurrentFix(); })) << "wake-up switched it on again";
+
+  ASSERT_EQ(Ask(response, {}, true), 0);
+  EXPECT_EQ(client_.request(halvorda::desktopenv::NotifyRequest(), notified, 5000), 0);
+  EXPECT_EQ(Ask(response), 0) << "keep-on: standby leaves the receiver on";
+
+  Kill();
+  Start();
+  EXPECT_EQ(Ask(response), 0) << "on before the first request";
+  EXPECT_TRUE(response.parameters().poweron() && response.parameters().keepon());
+  EXPECT_TRUE(WaitFor([&] { return CurrentFix(); }));
+}
+
+// Any local user reads the state; only platform and payment callers change
+// the parameters.
+TEST_F(GpsService, AnOrdinaryUserReadsButCannotChangeParameters) {
+  const passwd* nobody = getpwnam("nobody");
+  if (geteuid() != 0 || !nobody) GTEST_SKIP() << "needs root to run a client under another user";
+  chmod(root_.path().c_str(), 0755);
+  Start();
+  chmod((root_ / "run").c_str(), 0755);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0) _exit(10);
+    halvorda::service::ClientConnection client;
+    if (client.connect("local.device.gps", 5000) != 0) _exit(11);
+    msg::SetGetStateRequest read;
+    msg::SetGetStateResponse response;
+    if (client.request(read, response, 5000) != 0) _exit(12);
+    msg::SetGetStateRequest change;
+    change.mutable_parameters()->set_poweron(true);
+    _exit(client.request(change, response, 5000) == kPermissionRefused ? 0 : 13);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << WEXITSTATUS(status);
+  EXPECT_EQ(StoredConfig().find("poweron"), std::string::npos) << "nothing saved: " << StoredConfig();
+}
+
+// A change of the stored configuration by someone else reaches the service.
+TEST_F(GpsService, AnOutsideConfigurationChangeSwitchesTheReceiver) {
+  Start();
+  msg::SetGetStateResponse response;
+  ASSERT_EQ(Ask(response, true), 0);
+  ASSERT_TRUE(WaitFor([&] { return CurrentFix(); }));
+  {
+    std::ofstream(root_ / "config/edit.tmp") << "poweron: false\n";
+  }
+  std::filesystem::rename(root_ / "config/edit.tmp", root_ / "config/local.device.gps.conf");
+  EXPECT_TRUE(WaitFor([&] { return Ask(response) == 0 && !response.parameters().poweron(); }));
+  EXPECT_FALSE(response.has_state());
+}
+
+TEST_F(GpsService, ReadyOnlyStartSignalsReadyAndServesNothing) {
+  std::ofstream(root_ / "platform.ini") << "[platform]\nstartup_mode = 1\n";
+  ChildProcess service({GPS_SERVICE_BINARY});
+  EXPECT_EQ(service.ExitStatus(), 0);
+  EXPECT_FALSE(std::filesystem::exists(root_ / "run/local.device.gps.sock"));
+  EXPECT_FALSE(std::filesystem::exists(root_ / "fs/GPS/gps_param.cfg")) << "the engine did not start";
+}
+
+}  // namespace
