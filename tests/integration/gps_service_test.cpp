@@ -10,6 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <google/protobuf/text_format.h>
+#include <random>
+
 #include "halvorda/desktopenv/desktopenv.pb.h"
 #include "halvorda/device/gps/gps.pb.h"
 #include "platform/root.h"
@@ -141,6 +144,22 @@ TEST_F(GpsService, AnOutsideConfigurationChangeSwitchesTheReceiver) {
   std::filesystem::rename(root_ / "config/edit.tmp", root_ / "config/local.device.gps.conf");
   EXPECT_TRUE(WaitFor([&] { return Ask(response) == 0 && !response.parameters().poweron(); }));
   EXPECT_FALSE(response.has_state());
+}
+
+// Killed while it saves, the service leaves whole files behind: the stored
+// configuration parses and the parameters file keeps its size.
+TEST_F(GpsService, AKillAtAnyMomentLeavesItsFilesWhole) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 8; ++round) {
+    Start();
+    msg::SetGetStateResponse response;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(random() % 150);
+    for (bool on = true; std::chrono::steady_clock::now() < until; on = !on) Ask(response, on, !on);
+    Kill();
+    msg::Parameters stored;
+    EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(StoredConfig(), &stored)) << StoredConfig();
+    EXPECT_EQ(std::filesystem::file_size(root_ / "fs/GPS/gps_param.cfg"), 1216u);
+  }
 }
 
 TEST_F(GpsService, ReadyOnlyStartSignalsReadyAndServesNothing) {
