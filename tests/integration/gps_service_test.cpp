@@ -13,10 +13,9 @@
 #include <google/protobuf/text_format.h>
 #include <random>
 
-#include "halvorda/desktopenv/desktopenv.pb.h"
+#include "client/gps_client.h"
 #include "halvorda/device/gps/gps.pb.h"
 #include "platform/root.h"
-#include "platform/service/framework.h"
 #include "tests/integration/engine_process.h"
 #include "tests/sim/sim_test_support.h"
 
@@ -38,18 +37,27 @@ class GpsService : public testing::Test {
   }
   void Start() {
     service_ = std::make_unique<ChildProcess>(std::vector<std::string>{GPS_SERVICE_BINARY}, root_ / "service.log");
-    ASSERT_EQ(client_.connect("local.device.gps", 10000), 0) << "the service registers and answers";
+    auto client = gps::client::GpsClient::Connect(10s);
+    ASSERT_TRUE(client.ok()) << "the service registers and answers: " << client.error().message();
+    client_.emplace(std::move(client.value()));
+    client_->setTimeout(5s);
   }
   void Kill() {
-    client_.close();
+    client_.reset();
     service_.reset();  // SIGKILL
   }
   int32_t Ask(msg::SetGetStateResponse& response, std::optional<bool> poweron = {}, std::optional<bool> keepon = {}) {
-    msg::SetGetStateRequest request;
-    if (poweron) request.mutable_parameters()->set_poweron(*poweron);
-    if (keepon) request.mutable_parameters()->set_keepon(*keepon);
+    auto reply = poweron || keepon ? client_->SetParameters(poweron, keepon) : client_->GetState();
     response.Clear();
-    return client_.request(request, response, 5000);
+    if (!reply) return reply.error().code();
+    response = reply->response();
+    return 0;
+  }
+  // gpsctl as a process; its exit status.
+  int Gpsctl(std::vector<std::string> args) {
+    args.insert(args.begin(), GPSCTL_BINARY);
+    ChildProcess tool(args, root_ / "gpsctl.err");
+    return tool.ExitStatus();
   }
   bool CurrentFix() {
     msg::SetGetStateResponse response;
@@ -62,7 +70,7 @@ class GpsService : public testing::Test {
 
   gps::test::TempRoot root_;
   std::unique_ptr<ChildProcess> service_;
-  halvorda::service::ClientConnection client_;
+  std::optional<gps::client::GpsClient> client_;
 };
 
 // Power on, a fix in the state, the standby and wake-up cycle, keep-on, and a
@@ -89,14 +97,13 @@ TEST_F(GpsService, PowerFixStandbyWakeupAndRestart) {
   EXPECT_EQ(state.age(), 0u);
   EXPECT_TRUE(state.has_hdop() && state.has_altitude());
 
-  halvorda::desktopenv::NotifyResponse notified;
-  EXPECT_EQ(client_.request(halvorda::desktopenv::NotifyRequest(), notified, 5000), 0);
+  EXPECT_TRUE(client_->Standby().ok());
   EXPECT_EQ(Ask(response), kNotPowered) << "standby switched the receiver off";
-  EXPECT_EQ(client_.sendEvent(halvorda::desktopenv::WakeupEvent(), 5000), 0);
+  EXPECT_TRUE(client_->Wakeup().ok());
   EXPECT_TRUE(WaitFor([&] { return CurrentFix(); })) << "wake-up switched it on again";
 
   ASSERT_EQ(Ask(response, {}, true), 0);
-  EXPECT_EQ(client_.request(halvorda::desktopenv::NotifyRequest(), notified, 5000), 0);
+  EXPECT_TRUE(client_->Standby().ok());
   EXPECT_EQ(Ask(response), 0) << "keep-on: standby leaves the receiver on";
 
   Kill();
@@ -117,14 +124,11 @@ TEST_F(GpsService, AnOrdinaryUserReadsButCannotChangeParameters) {
   const pid_t child = fork();
   if (child == 0) {
     if (setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0) _exit(10);
-    halvorda::service::ClientConnection client;
-    if (client.connect("local.device.gps", 5000) != 0) _exit(11);
-    msg::SetGetStateRequest read;
-    msg::SetGetStateResponse response;
-    if (client.request(read, response, 5000) != 0) _exit(12);
-    msg::SetGetStateRequest change;
-    change.mutable_parameters()->set_poweron(true);
-    _exit(client.request(change, response, 5000) == kPermissionRefused ? 0 : 13);
+    auto client = gps::client::GpsClient::Connect(5s);
+    if (!client) _exit(11);
+    if (!client->GetState()) _exit(12);
+    const auto refused = client->SetParameters(true, {});
+    _exit(!refused && refused.error().code() == kPermissionRefused ? 0 : 13);
   }
   int status = 0;
   waitpid(child, &status, 0);
@@ -132,16 +136,15 @@ TEST_F(GpsService, AnOrdinaryUserReadsButCannotChangeParameters) {
   EXPECT_EQ(StoredConfig().find("poweron"), std::string::npos) << "nothing saved: " << StoredConfig();
 }
 
-// A change of the stored configuration by someone else reaches the service.
+// A change of the stored configuration by someone else (gpsctl config set)
+// reaches the service.
 TEST_F(GpsService, AnOutsideConfigurationChangeSwitchesTheReceiver) {
   Start();
   msg::SetGetStateResponse response;
-  ASSERT_EQ(Ask(response, true), 0);
+  ASSERT_EQ(Gpsctl({"power", "on"}), 0);
   ASSERT_TRUE(WaitFor([&] { return CurrentFix(); }));
-  {
-    std::ofstream(root_ / "config/edit.tmp") << "poweron: false\n";
-  }
-  std::filesystem::rename(root_ / "config/edit.tmp", root_ / "config/local.device.gps.conf");
+  EXPECT_EQ(Gpsctl({"state", "--json"}), 0);
+  EXPECT_EQ(Gpsctl({"config", "set", "poweron=false"}), 0);
   EXPECT_TRUE(WaitFor([&] { return Ask(response) == 0 && !response.parameters().poweron(); }));
   EXPECT_FALSE(response.has_state());
 }
