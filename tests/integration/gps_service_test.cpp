@@ -107,9 +107,16 @@ TEST_F(GpsService, PowerFixStandbyWakeupAndRestart) {
   EXPECT_EQ(Ask(response), 0) << "keep-on: standby leaves the receiver on";
 
   Kill();
+  // A slower first fix this time, so that the first answers come before it.
+  std::ofstream(root_ / "platform.ini") << "[sim]\nttff_ms = 1500\n[log]\ntarget = stderr\n";
   Start();
   EXPECT_EQ(Ask(response), 0) << "on before the first request";
   EXPECT_TRUE(response.parameters().poweron() && response.parameters().keepon());
+  // Until the receiver has a fix, the state is the stored fix, marked old.
+  ASSERT_TRUE(response.has_state());
+  EXPECT_TRUE(response.state().old());
+  EXPECT_EQ(response.state().latitude() / 100000 / 60, 48) << response.state().strlatitude();
+  EXPECT_FALSE(response.state().has_speedkmh()) << "speed only from a current fix";
   EXPECT_TRUE(WaitFor([&] { return CurrentFix(); }));
 }
 
