@@ -33,63 +33,71 @@ class MessageBindable {
   virtual bool isCallable() const = 0;
 };
 
-// A member function that takes the message's link and decodes and answers
-// it itself. Used for requests.
-template <typename T>
-class MessageMethodBind final : public MessageBindable {
+namespace detail {
+
+// What both kinds of member binding hold: the object, its member function,
+// the message type and the permissions. Two bindings are equal when they are
+// of the same kind and hold the same object, member function and type.
+template <typename Derived, typename T, typename Method>
+class MemberBind : public MessageBindable {
  public:
-  using Method = os::Error (T::*)(Link&);
-
-  MessageMethodBind(T* object, Method method, uint64_t messageType, const Permissions& permissions)
-      : object_(object), method_(method), messageType_(messageType), permissions_(permissions) {}
-
-  os::Error call(Link& link) override { return (object_->*method_)(link); }
   bool equals(const MessageBindable& other) const override {
-    const auto* same = dynamic_cast<const MessageMethodBind*>(&other);
+    const auto* same = dynamic_cast<const Derived*>(&other);
     return same && same->object_ == object_ && same->method_ == method_ && same->messageType_ == messageType_;
   }
   uint64_t messageType() const override { return messageType_; }
   const Permissions& permissions() const override { return permissions_; }
   bool isCallable() const override { return object_ && method_ && messageType_ != 0; }
 
- private:
+ protected:
+  MemberBind(T* object, Method method, uint64_t messageType, const Permissions& permissions)
+      : object_(object), method_(method), messageType_(messageType), permissions_(permissions) {}
+
   T* object_;
   Method method_;
   uint64_t messageType_;
   Permissions permissions_;
 };
 
+}  // namespace detail
+
+// A member function that takes the message's link and decodes and answers
+// it itself. Used for requests.
+template <typename T>
+class MessageMethodBind final
+    : public detail::MemberBind<MessageMethodBind<T>, T, os::Error (T::*)(Link&)> {
+  using Base = detail::MemberBind<MessageMethodBind<T>, T, os::Error (T::*)(Link&)>;
+
+ public:
+  using Method = os::Error (T::*)(Link&);
+
+  MessageMethodBind(T* object, Method method, uint64_t messageType, const Permissions& permissions)
+      : Base(object, method, messageType, permissions) {}
+
+  os::Error call(Link& link) override { return (this->object_->*this->method_)(link); }
+};
+
 // A member function that takes the decoded event E. The binding decodes the
 // event; when that fails the handler is not called and the result is
 // ERROR_EVENT_DECODE. The message type defaults to E's own.
 template <typename T, typename E>
-class MessageEventBind final : public MessageBindable {
+class MessageEventBind final
+    : public detail::MemberBind<MessageEventBind<T, E>, T, os::Error (T::*)(const E&)> {
+  using Base = detail::MemberBind<MessageEventBind<T, E>, T, os::Error (T::*)(const E&)>;
+
  public:
   using Method = os::Error (T::*)(const E&);
 
   MessageEventBind(T* object, Method method, uint64_t messageType, const Permissions& permissions)
-      : object_(object), method_(method), messageType_(messageType), permissions_(permissions) {}
+      : Base(object, method, messageType, permissions) {}
   MessageEventBind(T* object, Method method, const Permissions& permissions)
       : MessageEventBind(object, method, E::getMessageTypeStatic(), permissions) {}
 
   os::Error call(Link& link) override {
     const std::unique_ptr<E> event = E::instantiate();
     if (link.decode(*event) != os::ERROR_NONE) return ERROR_EVENT_DECODE;
-    return (object_->*method_)(*event);
+    return (this->object_->*this->method_)(*event);
   }
-  bool equals(const MessageBindable& other) const override {
-    const auto* same = dynamic_cast<const MessageEventBind*>(&other);
-    return same && same->object_ == object_ && same->method_ == method_ && same->messageType_ == messageType_;
-  }
-  uint64_t messageType() const override { return messageType_; }
-  const Permissions& permissions() const override { return permissions_; }
-  bool isCallable() const override { return object_ && method_ && messageType_ != 0; }
-
- private:
-  T* object_;
-  Method method_;
-  uint64_t messageType_;
-  Permissions permissions_;
 };
 
 }  // namespace halvorda::service
