@@ -9,6 +9,7 @@
 #include "halvorda/device/gps/gps.pb.h"
 #include "halvorda/service/service.pb.h"
 #include "platform/service/frame.h"
+#include "platform/service/interfacable.h"
 #include "platform/service/message_type.h"
 #include "platform/service/permissions.h"
 
@@ -179,3 +180,39 @@ TEST(PermissionsTest, ConcatenatedConstantsAdmitAnyOfTheirRoles) {
 
 }  // namespace
 }  // namespace halvorda::service
+
+namespace {
+
+struct Handlers {
+  halvorda::os::Error first(halvorda::service::Link&) { return 0; }
+  halvorda::os::Error second(halvorda::service::Link&) { return 0; }
+  halvorda::os::Error onEvent(const halvorda::device::gps::Parameters&) { return 0; }
+};
+
+TEST(BindingTest, UnbindFindsTheEqualBindingAndATypeIsBoundOnce) {
+  using halvorda::service::MessageEventBind;
+  using halvorda::service::MessageMethodBind;
+  using halvorda::service::Permissions;
+  Handlers handlers;
+  halvorda::service::Interfacable interface(halvorda::service::Link::LINK_TYPE_STREAM, nullptr);
+  const Permissions anyone(Permissions::VERTICAL);
+  EXPECT_EQ(interface.bind(new MessageMethodBind<Handlers>(&handlers, &Handlers::first, 7, anyone)), 0);
+  EXPECT_NE(interface.bind(new MessageMethodBind<Handlers>(&handlers, &Handlers::second, 7, anyone)), 0)
+      << "one binding per type";
+  EXPECT_NE(interface.bind(new MessageMethodBind<Handlers>(&handlers, &Handlers::first, 0, anyone)), 0)
+      << "type 0 is not callable";
+  EXPECT_EQ(interface.bind(new MessageEventBind<Handlers, halvorda::device::gps::Parameters>(
+                &handlers, &Handlers::onEvent, 8, anyone)),
+            0);
+
+  MessageMethodBind<Handlers> otherMethod(&handlers, &Handlers::second, 7, anyone);
+  MessageMethodBind<Handlers> otherType(&handlers, &Handlers::first, 8, anyone);
+  EXPECT_NE(interface.unbind(&otherMethod), 0);
+  EXPECT_NE(interface.unbind(&otherType), 0) << "an event binding of type 8 is another kind";
+  MessageMethodBind<Handlers> same(&handlers, &Handlers::first, 7, anyone);
+  EXPECT_EQ(interface.unbind(&same), 0);
+  EXPECT_EQ(interface.findBinding(7), nullptr);
+  EXPECT_NE(interface.findBinding(8), nullptr);
+}
+
+}  // namespace
