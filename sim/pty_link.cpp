@@ -1,6 +1,7 @@
 #include "sim/pty_link.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -71,6 +72,20 @@ void RemoveLink(const std::string& target, const std::string& link) {
   char buffer[256];
   const ssize_t n = readlink(link.c_str(), buffer, sizeof buffer - 1);
   if (n > 0 && std::string(buffer, static_cast<size_t>(n)) == target) unlink(link.c_str());
+}
+
+sigset_t BlockTerminationSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  return signals;
+}
+
+void WaitForTermination(const sigset_t& signals) {
+  int signal = 0;
+  sigwait(&signals, &signal);
 }
 
 }  // namespace gps::sim

@@ -2,6 +2,8 @@
 // reached through a symbolic link at the path the host opens.
 #pragma once
 
+#include <signal.h>
+
 #include <string>
 
 namespace gps::sim {
@@ -19,5 +21,11 @@ bool CreateLink(const std::string& target, const std::string& link, std::string*
 // Removes the link only while it still points at `target`, so that a link
 // another simulator made meanwhile survives.
 void RemoveLink(const std::string& target, const std::string& link);
+
+// The simulator tools end on SIGINT or SIGTERM, taken with sigwait: call
+// this before any thread starts so that no thread gets them asynchronously.
+sigset_t BlockTerminationSignals();
+// Waits for one of them.
+void WaitForTermination(const sigset_t& signals);
 
 }  // namespace gps::sim

@@ -74,12 +74,7 @@ int main(int argc, char** argv) {
     link = *path;
   }
 
-  // Signals are taken by sigwait below, so block them before any thread starts.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  const sigset_t signals = gps::sim::BlockTerminationSignals();
 
   std::string slavePath;
   const int master = gps::sim::OpenRawPty(&slavePath, &error);
@@ -96,8 +91,7 @@ int main(int argc, char** argv) {
   std::printf("gprs-modem-sim: serving on %s (link %s)\n", slavePath.c_str(), link.c_str());
   std::fflush(stdout);
 
-  int signal = 0;
-  sigwait(&signals, &signal);
+  gps::sim::WaitForTermination(signals);
   channel.Stop();
   gps::sim::RemoveLink(slavePath, link);
   return 0;

@@ -58,12 +58,7 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  // Signals are taken by sigwait below, so block them before any thread starts.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  const sigset_t signals = gps::sim::BlockTerminationSignals();
 
   std::string slavePath;
   const int master = gps::sim::OpenRawPty(&slavePath, &error);
@@ -85,8 +80,7 @@ int main(int argc, char** argv) {
   std::printf("ubx-sim: %s receiver serving on %s (link %s)\n", model.c_str(), slavePath.c_str(), link.c_str());
   std::fflush(stdout);
 
-  int signal = 0;
-  sigwait(&signals, &signal);
+  gps::sim::WaitForTermination(signals);
   runner.Stop();
   gps::sim::RemoveLink(slavePath, link);
   return 0;

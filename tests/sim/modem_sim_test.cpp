@@ -240,28 +240,6 @@ class ModemSimWithEngine : public ModemSim {
   test::TempRoot root_;
 };
 
-TEST_F(ModemSimWithEngine, EngineAndModemAgreeOnEveryExchange) {
-  Start(1000, 0);
-  const int fd = OpenEngineChannel();
-  uint8_t version[50] = {};
-  EXPECT_EQ(PTY_SendCommand(DGPRS_FIOCTL_GPS_GET_VERSION, version, sizeof version, 0), 0);
-  EXPECT_STREQ(reinterpret_cast<char*>(version), kDefaultVersion.c_str());
-  EXPECT_EQ(PTY_SendCommand(DGPRS_FIOCTL_GPS_RUN, nullptr, 0, 0), 0);
-  std::string burst = testing::ReadFor(fd, 2s, Contains("GGA,"));
-  burst += testing::ReadFor(fd, 200ms);
-  const Line line = Split(burst);
-  EXPECT_TRUE(line.wellFormed);
-  EXPECT_EQ(line.Sentences("GPGGA").size(), 1u);
-  // The next burst is most of a second away: the line is empty for the stop.
-  EXPECT_EQ(PTY_SendCommand(DGPRS_FIOCTL_GPS_STOP, nullptr, 0, 0), 0);
-  EXPECT_FALSE(channel_->running());
-  EXPECT_EQ(channel_->ReceivedCommands(), (std::vector<uint32_t>{0x812C, 0x812D, 0x812E}));
-}
-
-// The engine refuses a version longer than its 50-byte buffer and leaves it
-// on the line. Its next exchange takes the first 12 of those bytes for its
-// answer and fails too, leaving as much behind as it consumed; only reading
-// the line as receiver data brings the two ends back in step.
 // An answer larger than the engine's buffer is refused but read to its end,
 // and so are sentences left unread before a command: the next exchange is in
 // step with the modem.
