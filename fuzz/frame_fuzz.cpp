@@ -29,6 +29,7 @@
 #include <system_error>
 #include <vector>
 
+#include "fuzz/fuzz_root.h"
 #include "halvorda/desktopenv/desktopenv.pb.h"
 #include "halvorda/device/gps/gps.pb.h"
 #include "halvorda/service/service.pb.h"
@@ -45,15 +46,8 @@ constexpr size_t kHeaderBytes = 1;
 constexpr int kMaxRounds = 4000;
 constexpr int kQuietRounds = 3;
 
-std::string g_root;
 
-void DropLine(void*, int, const char*) {}
 
-void RemoveRoot() {
-  if (g_root.empty()) return;
-  std::error_code ignored;
-  std::filesystem::remove_all(g_root, ignored);
-}
 
 [[noreturn]] void Fail(const char* rule) {
   std::fprintf(stderr, "frame_fuzz: %s\n", rule);
@@ -113,14 +107,7 @@ std::set<uint32_t> RequestIds(std::span<const uint8_t> stream, size_t piece) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  std::string pattern = (std::filesystem::temp_directory_path() / "gps-frame-fuzz.XXXXXX").string();
-  if (!mkdtemp(pattern.data())) std::abort();
-  g_root = pattern;
-  std::atexit(RemoveRoot);
-  setenv("GPS_PLATFORM_ROOT", g_root.c_str(), 1);
-  gps::platform::ReloadRoot();
-  gps::platform::SetLogThreshold(7);
-  gps::platform::SetLogSink(DropLine, nullptr);
+  gps::fuzz::UseThrowawayRoot("gps-frame-fuzz");
   g_service = new Service("file://param/manifest/local.device.gps.MNF");
   ServiceLimits limits;
   limits.maxSendBufferBytes = 16 * 1024;  // reached by a few hundred answers

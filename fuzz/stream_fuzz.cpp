@@ -31,6 +31,7 @@
 #include <system_error>
 #include <vector>
 
+#include "fuzz/fuzz_root.h"
 #include "engine/gps_geolocating.h"
 #include "engine/gps_private_info.h"
 #include "nmea/gps_framer.h"
@@ -48,7 +49,6 @@ constexpr size_t kHeaderBytes = 5;
 constexpr uint32_t kGprsModuleType = 3;
 constexpr uint32_t kTickStepScale = 4;
 
-std::string g_root;
 gps_parameters_t g_restoredParameters;
 gps_message_t g_frame;
 
@@ -59,14 +59,7 @@ uint32_t AdvancingTicks() {
   return g_tick;
 }
 
-// Log lines are formatted in full (threshold 7) and then dropped.
-void DropLine(void*, int, const char*) {}
 
-void RemoveRoot() {
-  if (g_root.empty()) return;
-  std::error_code ignored;
-  std::filesystem::remove_all(g_root, ignored);
-}
 
 // Names the broken rule before the trap, which libFuzzer reports as a crash.
 [[noreturn]] void Fail(const char* rule, size_t size, size_t limit, size_t prefix) {
@@ -161,14 +154,7 @@ void QueryFix() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  std::string pattern = (std::filesystem::temp_directory_path() / "gps-fuzz.XXXXXX").string();
-  if (!mkdtemp(pattern.data())) std::abort();
-  g_root = pattern;
-  std::atexit(RemoveRoot);
-  setenv("GPS_PLATFORM_ROOT", g_root.c_str(), 1);
-  gps::platform::ReloadRoot();
-  gps::platform::SetLogThreshold(7);
-  gps::platform::SetLogSink(DropLine, nullptr);
+  gps::fuzz::UseThrowawayRoot("gps-fuzz");
   lib_GPS_TraceInit(1);
   lib_GPS_param_RestorePersistentStorage();
   std::memcpy(&g_restoredParameters, &gps_parameters, sizeof g_restoredParameters);
