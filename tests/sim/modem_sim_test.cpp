@@ -266,13 +266,8 @@ TEST(ModemSimTool, ServesOnItsLinkUntilTerminated) {
     return false;
   };
 
-  std::ofstream(link) << "keep me";
-  EXPECT_EQ(testing::ChildProcess({GPRS_MODEM_SIM_BINARY, "--link", link}, root / "errors").ExitStatus(), 1);
-  std::stringstream message;
-  message << std::ifstream(root / "errors").rdbuf();
-  EXPECT_NE(message.str().find(link), std::string::npos) << "the refusal names the file: " << message.str();
-  EXPECT_EQ(std::filesystem::file_size(link), 7u) << "the regular file is kept";
-  std::filesystem::remove(link);
+  // (A regular file in the link's place is refused by the link code both
+  // simulators share; ubx-sim's tool test covers it.)
   std::filesystem::create_symlink(root / "gone", link);  // left by a simulator that died
 
   testing::ChildProcess tool(
