@@ -38,7 +38,7 @@ struct StateField {
   std::string value;  // "-" when the service did not report it
 };
 
-// The rows of gpsctl's state and watch views, in this order: Fix, Age,
+// The rows of gps-servicectl's state and watch views, in this order: Fix, Age,
 // Latitude, Longitude, Speed, Heading, HDOP, Altitude, Date-time, TTFF,
 // Power.
 std::vector<StateField> ReadableState(const Reply& reply);

@@ -31,7 +31,7 @@ inline constexpr os::Error ERROR_IO = -2000010;                 // a system call
 inline constexpr os::Error ERROR_PROTOCOL = -2000011;           // the peer broke the frame protocol
 inline constexpr os::Error ERROR_NO_ANSWER = -2000012;          // the handler returned success without answering
 
-// A short name for logs and for gpsctl's messages; "unknown" for codes that
+// A short name for logs and for gps-servicectl's messages; "unknown" for codes that
 // are not the framework's.
 const char* ErrorName(os::Error code);
 

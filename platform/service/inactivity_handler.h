@@ -1,6 +1,6 @@
 // The desktop environment's inactivity monitor as a service sees it. Bound
 // on this proxy, WakeupEvent handlers receive the wake-up events that the
-// desktop environment (or gpsctl wakeup) sends to the service's socket once
+// desktop environment (or gps-servicectl wakeup) sends to the service's socket once
 // the proxy is attached (Service::attachProxy).
 #pragma once
 

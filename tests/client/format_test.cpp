@@ -1,4 +1,4 @@
-// The state as gpsctl shows it.
+// The state as gps-servicectl shows it.
 #include <gtest/gtest.h>
 
 #include <map>

@@ -147,11 +147,11 @@ struct ToolRun {
   std::string err;
 };
 
-// Runs gpsctl as a child process under the current platform root (the
+// Runs gps-servicectl as a child process under the current platform root (the
 // arguments need no shell quoting).
-inline ToolRun RunGpsctl(const gps::test::TempRoot& root, const std::vector<std::string>& args) {
-  const std::string errPath = root / "gpsctl.err";
-  std::string command = GPSCTL_BINARY;
+inline ToolRun RunServicectl(const gps::test::TempRoot& root, const std::vector<std::string>& args) {
+  const std::string errPath = root / "gps-servicectl.err";
+  std::string command = SERVICECTL_BINARY;
   for (const std::string& arg : args) command += " " + arg;
   ToolRun run;
   FILE* pipe = ::popen((command + " 2>" + errPath).c_str(), "r");

@@ -53,10 +53,10 @@ class GpsService : public testing::Test {
     response = reply->response();
     return 0;
   }
-  // gpsctl as a process; its exit status.
-  int Gpsctl(std::vector<std::string> args) {
-    args.insert(args.begin(), GPSCTL_BINARY);
-    ChildProcess tool(args, root_ / "gpsctl.err");
+  // gps-servicectl as a process; its exit status.
+  int Servicectl(std::vector<std::string> args) {
+    args.insert(args.begin(), SERVICECTL_BINARY);
+    ChildProcess tool(args, root_ / "gps-servicectl.err");
     return tool.ExitStatus();
   }
   bool CurrentFix() {
@@ -143,15 +143,15 @@ TEST_F(GpsService, AnOrdinaryUserReadsButCannotChangeParameters) {
   EXPECT_EQ(StoredConfig().find("poweron"), std::string::npos) << "nothing saved: " << StoredConfig();
 }
 
-// A change of the stored configuration by someone else (gpsctl config set)
+// A change of the stored configuration by someone else (gps-servicectl config set)
 // reaches the service.
 TEST_F(GpsService, AnOutsideConfigurationChangeSwitchesTheReceiver) {
   Start();
   msg::SetGetStateResponse response;
-  ASSERT_EQ(Gpsctl({"power", "on"}), 0);
+  ASSERT_EQ(Servicectl({"power", "on"}), 0);
   ASSERT_TRUE(WaitFor([&] { return CurrentFix(); }));
-  EXPECT_EQ(Gpsctl({"state", "--json"}), 0);
-  EXPECT_EQ(Gpsctl({"config", "set", "poweron=false"}), 0);
+  EXPECT_EQ(Servicectl({"state", "--json"}), 0);
+  EXPECT_EQ(Servicectl({"config", "set", "poweron=false"}), 0);
   EXPECT_TRUE(WaitFor([&] { return Ask(response) == 0 && !response.parameters().poweron(); }));
   EXPECT_FALSE(response.has_state());
 }

@@ -23,7 +23,7 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
-// Replaces the file the way an editor or gpsctl would: write in place.
+// Replaces the file the way an editor or gps-servicectl would: write in place.
 void WriteInPlace(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::trunc) << text; }
 
 // Runs the service's loop until the count of configuration events reaches
@@ -127,7 +127,7 @@ TEST_F(ConfigTest, OutsideChangesRaiseTheEventAndOwnSavesDoNot) {
   EXPECT_FALSE(stored->poweron());
   EXPECT_TRUE(params->poweron());
 
-  // Replaced by rename (gpsctl, editors that save atomically): one event.
+  // Replaced by rename (gps-servicectl, editors that save atomically): one event.
   const std::string temp = running.root / "config/edit.tmp";
   WriteInPlace(temp, "poweron: true\n");
   ASSERT_EQ(::rename(temp.c_str(), configPath().c_str()), 0);

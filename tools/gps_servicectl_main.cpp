@@ -1,4 +1,4 @@
-// gpsctl: the GPS service from the command line. Reads the receiver's state,
+// gps-servicectl: the GPS service from the command line. Reads the receiver's state,
 // switches the power parameters, passes on standby and wake-up, edits the
 // stored configuration, and shows a live view of the fix.
 #include <poll.h>
@@ -42,7 +42,7 @@ int ExitCodeFor(const Error& error) {
 }
 
 int Report(const Error& error) {
-  std::fprintf(stderr, "gpsctl: %s\n", error.message().c_str());
+  std::fprintf(stderr, "gps-servicectl: %s\n", error.message().c_str());
   return ExitCodeFor(error);
 }
 
@@ -132,7 +132,7 @@ int Watch(std::chrono::milliseconds timeout, int count, std::chrono::millisecond
       }
     }
     if (!last.ok()) body = gps::client::FormatFields({{"Status", last.message()}});
-    std::string screen = "gpsctl watch: " + std::string(gps::client::kServiceClass) + " at " + LocalClock() +
+    std::string screen = "gps-servicectl watch: " + std::string(gps::client::kServiceClass) + " at " + LocalClock() +
                          (count == 0 ? " (Ctrl-C to quit)" : "") + "\n\n" + body;
     Print(terminal ? "\x1b[H\x1b[2J" + screen : (shown > 0 ? "\n" : "") + screen);
   }
@@ -176,7 +176,7 @@ int SetSwitch(std::chrono::milliseconds timeout, const std::string& name, const 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"gpsctl: control and watch the GPS service (local.device.gps)"};
+  CLI::App app{"gps-servicectl: control and watch the GPS service (local.device.gps)"};
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(kFooter);
