@@ -25,6 +25,8 @@ void MountHost() {
 }
 
 // Reads a whole file into a new buffer of its size; nullptr on any failure.
+// Files above ASSISTNOW_MAX_FILE_BYTES (8 MiB, far above any real ALP or EPH
+// file) are refused, so a damaged or foreign file cannot take the memory.
 uint8_t* ReadWholeFile(FILE_FS_HANDLE file, uint32_t size) {
   if (size == 0 || size > ASSISTNOW_MAX_FILE_BYTES) return nullptr;
   auto* data = new (std::nothrow) uint8_t[size];
@@ -123,10 +125,12 @@ int load_alp_file_locked(gps_private_info_t* infos, const char* path) {
   MountHost();
   FILE_FS_HANDLE file = FILE_FS_open(path, "r");
   if (file) {
+    // An empty file loads as no data: the mode is set and the first block
+    // goes out without data bytes, as for any file shorter than that block.
     const long length = FILE_FS_length(file);
     uint8_t* data = length > 0 ? ReadWholeFile(file, static_cast<uint32_t>(length)) : nullptr;
     FILE_FS_close(file);
-    if (data) {
+    if (data || length == 0) {
       lib_GPS_FreeAssistanceData(infos);
       infos->alp_data = data;
       infos->alp_size = static_cast<uint32_t>(length);
@@ -134,7 +138,7 @@ int load_alp_file_locked(gps_private_info_t* infos, const char* path) {
       infos->assistnow = ASSISTNOW_OFFLINE;
     } else {
       infos->assistnow = ASSISTNOW_NONE;
-      lib_GPS_Trace(3, "load_alp_file_locked([%s]): the file is empty, larger than %u bytes or unreadable.", path,
+      lib_GPS_Trace(3, "load_alp_file_locked([%s]): the file is larger than %u bytes or unreadable.", path,
                     ASSISTNOW_MAX_FILE_BYTES);
     }
   } else {

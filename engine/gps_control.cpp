@@ -1,6 +1,7 @@
 // The engine's control API: callers on any thread record a request in the
 // record or the parameters and signal the engine thread, which does the
 // receiver work. Two reads need the receiver's answer and wait for it.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
@@ -264,18 +265,20 @@ int32_t lib_GPS_Geolocating_GPS_ReloadAssistance(void) {
 
 // Devices
 
+// A call while forwarding stops it, whatever the name; the next call starts it
+// on the new name. A name too long for the record (16 characters or more) is
+// refused with -10 and starts nothing, but a stop it asked for still happens.
 int32_t lib_GPS_Geolocating_GPS_SetTransparentDevice(const char* name) {
-  if (name && std::strlen(name) >= sizeof gps_private_info.transparent_device)
-    return GEOLOCATING_GPS_ERROR_INVALID_PARAMETER;
+  const bool tooLong = name && std::strlen(name) >= sizeof gps_private_info.transparent_device;
   lib_GPS_Lock();
-  // A call while forwarding stops it; the next call starts it on the new name.
-  if (!name || gps_private_info.com_transp_handle != -1)
+  const bool stop = !name || gps_private_info.com_transp_handle != -1;
+  if (stop)
     gps_private_info.transparent_device[0] = '\0';
-  else
+  else if (!tooLong)
     StoreDeviceName(gps_private_info.transparent_device, name);
-  SignalEvent(CHANGE_FORWARD_DEVICE_eventfd);
+  if (stop || !tooLong) SignalEvent(CHANGE_FORWARD_DEVICE_eventfd);
   lib_GPS_Unlock();
-  return GEOLOCATING_GPS_ERROR_SUCCESS;
+  return tooLong ? GEOLOCATING_GPS_ERROR_INVALID_PARAMETER : GEOLOCATING_GPS_ERROR_SUCCESS;
 }
 
 int32_t lib_GPS_Geolocating_GPS_GetTransparentDevice(char* name, uint32_t capacity) {
@@ -305,8 +308,11 @@ int32_t lib_GPS_Geolocating_GPS_GetModuleDevice(char* name, uint32_t capacity) {
 int32_t lib_GPS_Geolocating_GPS_GetVersion(char* sw, char* hw, char* ext1, char* ext2, char* ext3, char* ext4) {
   gps_private_info_t& infos = gps_private_info;
   lib_GPS_Lock();
+  // The modem's text can be longer than the caller's 32-byte sw: only what
+  // fits is copied, so a long version text never writes past it.
   if (infos.gprs_module_version[0] != '\0')
-    std::memcpy(sw, infos.gprs_module_version, strnlen(infos.gprs_module_version, sizeof infos.gprs_module_version));
+    std::memcpy(sw, infos.gprs_module_version,
+                strnlen(infos.gprs_module_version, std::min(sizeof infos.gprs_module_version, sizeof infos.sw_version)));
   int32_t result = GEOLOCATING_GPS_ERROR_NO_VERSION;
   if (infos.sw_version[0] != '\0') {
     std::memcpy(sw, infos.sw_version, sizeof infos.sw_version);

@@ -62,13 +62,16 @@ int32_t lib_GPS_Geolocating_GPS_GetAssistanceMode(uint32_t* mode);
 int32_t lib_GPS_Geolocating_GPS_StopAssistance(void);
 int32_t lib_GPS_Geolocating_GPS_ReloadAssistance(void);
 
-// Device names hold at most 15 characters; longer ones are refused (-10).
+// Device names hold at most 15 characters; longer ones are refused (-10). A
+// refused call still stops forwarding when forwarding was on.
 int32_t lib_GPS_Geolocating_GPS_SetTransparentDevice(const char* name);
 int32_t lib_GPS_Geolocating_GPS_GetTransparentDevice(char* name, uint32_t capacity);
 int32_t lib_GPS_Geolocating_GPS_SetModuleDevice(const char* name);
 int32_t lib_GPS_Geolocating_GPS_GetModuleDevice(char* name, uint32_t capacity);
 
 // sw, ext1..ext4: at least 32 bytes; hw: at least 16; zero-filled by the caller.
+// A GPRS modem's version text goes into sw without its terminator, cut to the
+// 32 bytes sw holds (the modem may report up to 49 characters).
 int32_t lib_GPS_Geolocating_GPS_GetVersion(char* sw, char* hw, char* ext1, char* ext2, char* ext3, char* ext4);
 // Ages are in ticks (10 ms).
 int32_t lib_GPS_Geolocating_GPS_GetHardwareStatus(uint32_t* noise, uint32_t* agc, uint32_t* jamming,

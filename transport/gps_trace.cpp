@@ -143,6 +143,8 @@ void lib_GPS_StopModuleTraces(gps_private_info_t* infos) {
   }
 }
 
+// A trace file is created with mode 0666 less the process umask, like any file
+// a user's tool writes, so the person who switched logging on can read it.
 int lib_GPS_LogModuleTraces(gps_private_info_t* infos, const uint8_t* data, uint32_t length) {
   if (infos->module_trace_fd == 0) {
     lib_GPS_Trace(7, "lib_GPS_LogModuleTraces: create file.");

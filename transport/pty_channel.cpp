@@ -66,6 +66,8 @@ int PTY_Open(const char* path) {
   return PTY_OpenDevice(channel ? channel->c_str() : PTY_DEFAULT_DEVICE);
 }
 
+// Each wait for the next bytes ends after PTY_RESPONSE_TIMEOUT_MS (5 s) with
+// -1: a modem that never answers must not hold the engine thread forever.
 int data_read(int descriptor, uint8_t* buffer, uint32_t n) {
   uint32_t got = 0;
   while (got < n) {
@@ -91,6 +93,10 @@ int data_read(int descriptor, uint8_t* buffer, uint32_t n) {
   return 0;
 }
 
+// Two steps keep the channel in step with the modem: unread receiver sentences
+// are flushed before the command goes out (they would be read as its answer),
+// and an answer too large for the buffer is read and dropped, not left on the
+// line where the next exchange would start in the middle of it.
 int PTY_SendCommand(uint32_t command, uint8_t* buffer, int32_t bufferSize, uint32_t dataLength) {
   pthread_mutex_lock(&pty_lock);
   int result = 0;

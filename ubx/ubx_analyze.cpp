@@ -131,6 +131,8 @@ void analyze_gps_ublox_message_cfg_msg(const gps_message_t* m, const char* sourc
 }
 
 // B5 62 06 3B 2C 00 01 00 00 00 00 10 03 00 E8 03 00 00 ... (updatePeriod at 8)
+// A CFG-PM2 shorter than 12 payload bytes (the poll the engine sends, seen on
+// its way out) carries no period: it changes nothing and answers no one.
 void analyze_gps_ublox_message_extended_power_management_configuration(gps_private_info_t* infos,
                                                                         const gps_message_t* m) {
   lib_GPS_Trace(7, "analyze_gps_ublox_message_extended_power_management_configuration: CFG-PM2.");

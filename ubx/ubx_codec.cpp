@@ -72,6 +72,8 @@ int lib_GPS_ubx_ReadDataFromDevice(gps_private_info_t* /*infos*/, uint8_t* buffe
   return static_cast<int>(n);
 }
 
+// A driver block carries at most 256 bytes; anything longer is sent as
+// consecutive blocks, so assistance answers and tool frames arrive whole.
 int lib_GPS_ubx_SendDataToDevice(gps_private_info_t* /*infos*/, const uint8_t* data, uint32_t length) {
   lib_GPS_Trace(7, "lib_GPS_ubx_SendDataToDevice.");
   // One driver block carries 256 bytes; longer frames (assistance answers,

@@ -93,7 +93,7 @@ TEST_F(AssistNowTest, SwitchingToOfflineReloadsOnlyOnceConfigured) {
   EXPECT_EQ(frames[1][8], 1) << "off, then on again with the reloaded data";
 }
 
-TEST_F(AssistNowTest, MissingOfflineFileMeansNoAssistance) {
+TEST_F(AssistNowTest, MissingOfflineFileMeansNoAssistanceAndAnEmptyOneLoads) {
   gps::test::LogCapture log;
   gps_private_info.assistnow = ASSISTNOW_OFFLINE;
   lib_GPS_ConfigureAssistance(&gps_private_info);
@@ -101,6 +101,16 @@ TEST_F(AssistNowTest, MissingOfflineFileMeansNoAssistance) {
   EXPECT_EQ(receiver_.DrainFrames(50).size(), 0u);
   EXPECT_EQ(log.linesAt(3), (std::vector<std::string>{"[GPS] FILE_FS_open(\"/HOST/current_14d.alp\") => KO",
                                                       "[GPS] something went wrong with ALmanachPlus file"}));
+
+  // An empty file opens: offline mode, AID-ALPSRV on and a first block without data.
+  WriteHostFile("current_14d.alp", 0);
+  gps_private_info.assistnow = ASSISTNOW_OFFLINE;
+  lib_GPS_ConfigureAssistance(&gps_private_info);
+  EXPECT_EQ(gps_private_info.assistnow, ASSISTNOW_OFFLINE);
+  const auto frames = receiver_.DrainFrames();
+  ASSERT_EQ(Kinds(frames), (std::vector<std::pair<int, int>>{{0x06, 0x01}, {0x0B, 0x32}}));
+  EXPECT_EQ(frames[1].size(), 24u);
+  EXPECT_EQ(log.linesAt(3).size(), 2u) << "no error for an empty file";
 }
 
 TEST_F(AssistNowTest, OnlineDataIsSentWhileYoungerThanFourHours) {

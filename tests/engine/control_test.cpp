@@ -2,6 +2,9 @@
 // record and which channel is signalled, without a thread consuming them.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <memory>
+#include <string>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -64,12 +67,30 @@ TEST_F(ControlRequests, TransparentDeviceCallsToggleForwarding) {
   EXPECT_STREQ(gps_private_info.transparent_device, "") << "a call while forwarding stops it";
   EXPECT_EQ(Pending(CHANGE_FORWARD_DEVICE_eventfd), 2u);
 
+  // A name too long is refused; while forwarding, the call still stops it.
   EXPECT_EQ(lib_GPS_Geolocating_GPS_SetTransparentDevice("/dev/0123456789a"), GEOLOCATING_GPS_ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(Pending(CHANGE_FORWARD_DEVICE_eventfd), 1u);
+  gps_private_info.com_transp_handle = -1;
+  std::strcpy(gps_private_info.transparent_device, "/dev/ttyUSB0");
+  EXPECT_EQ(lib_GPS_Geolocating_GPS_SetTransparentDevice("/dev/0123456789a"), GEOLOCATING_GPS_ERROR_INVALID_PARAMETER);
+  EXPECT_STREQ(gps_private_info.transparent_device, "/dev/ttyUSB0") << "not forwarding: the refused call changes nothing";
+  EXPECT_EQ(Pending(CHANGE_FORWARD_DEVICE_eventfd), 0u);
   EXPECT_EQ(lib_GPS_Geolocating_GPS_SetModuleDevice("/dev/0123456789a"), GEOLOCATING_GPS_ERROR_INVALID_PARAMETER);
   EXPECT_EQ(lib_GPS_Geolocating_GPS_SetModuleDevice("/dev/0123456789"), 0) << "15 characters fit";
   char name[16] = {};
   lib_GPS_Geolocating_GPS_GetModuleDevice(name, sizeof name);
   EXPECT_STREQ(name, "/dev/0123456789");
+}
+
+TEST_F(ControlRequests, ModemVersionTextIsCutToTheCallersBuffer) {
+  // 49 characters: the most the record holds. sw is 32 bytes, as callers pass it;
+  // the address sanitizer sees any byte written past it.
+  std::memset(gps_private_info.gprs_module_version, 'v', sizeof gps_private_info.gprs_module_version - 1);
+  auto sw = std::make_unique<char[]>(32);
+  char hw[16] = {}, ext[4][32] = {};
+  EXPECT_EQ(lib_GPS_Geolocating_GPS_GetVersion(sw.get(), hw, ext[0], ext[1], ext[2], ext[3]),
+            GEOLOCATING_GPS_ERROR_NO_VERSION);
+  EXPECT_EQ(std::string(sw.get(), 32), std::string(32, 'v'));
 }
 
 }  // namespace

@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <pwd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -120,40 +123,76 @@ TEST_F(GpsService, PowerFixStandbyWakeupAndRestart) {
   EXPECT_TRUE(WaitFor([&] { return CurrentFix(); }));
 }
 
-// Any local user reads the state; only platform and payment callers change
-// the parameters.
-TEST_F(GpsService, AnOrdinaryUserReadsButCannotChangeParameters) {
+// Each binding of the service admits the roles it names: any local user reads
+// the state, platform and payment callers change the parameters, and only the
+// platform sends standby notices. The roles are given to uid nobody through
+// permissions.ini (none: the vertical role every local user holds).
+TEST_F(GpsService, BindingsAdmitTheirRolesOnly) {
   const passwd* nobody = getpwnam("nobody");
   if (geteuid() != 0 || !nobody) GTEST_SKIP() << "needs root to run a client under another user";
   chmod(root_.path().c_str(), 0755);
   Start();
   chmod((root_ / "run").c_str(), 0755);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0) _exit(10);
-    auto client = gps::client::GpsClient::Connect(5s);
-    if (!client) _exit(11);
-    if (!client->GetState()) _exit(12);
-    const auto refused = client->SetParameters(true, {});
-    _exit(!refused && refused.error().code() == kPermissionRefused ? 0 : 13);
+  constexpr int32_t kRefusedByBinding = -2000001;
+  const struct {
+    const char* roles;  // nullptr: no permissions.ini
+    int32_t setParameters;
+    int32_t standby;
+  } cases[] = {
+      {nullptr, kPermissionRefused, kRefusedByBinding},
+      {"payment", 0, kRefusedByBinding},
+      {"web-p2pe", 0, kRefusedByBinding},
+      {"quilla-platform", 0, 0},
+  };
+  for (const auto& c : cases) {
+    if (c.roles) {
+      std::filesystem::create_directories(root_ / "etc");
+      std::ofstream(root_ / "etc/permissions.ini") << "[users]\nnobody = " << c.roles << "\n";
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+      if (setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0) _exit(10);
+      auto client = gps::client::GpsClient::Connect(5s);
+      if (!client) _exit(11);
+      if (!client->GetState()) _exit(12);
+      const auto set = client->SetParameters({}, false);
+      if ((set ? 0 : set.error().code()) != c.setParameters) _exit(13);
+      _exit(client->Standby().code() == c.standby ? 0 : 14);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << (c.roles ? c.roles : "no roles file") << ": child status " << WEXITSTATUS(status);
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << WEXITSTATUS(status);
-  EXPECT_EQ(StoredConfig().find("poweron"), std::string::npos) << "nothing saved: " << StoredConfig();
 }
 
 // A change of the stored configuration by someone else (gps-servicectl config set)
-// reaches the service.
+// reaches the engine: the receiver is switched off. A change of keepon alone
+// switches nothing. The engine's own trace counts the power requests it got.
 TEST_F(GpsService, AnOutsideConfigurationChangeSwitchesTheReceiver) {
+  std::ofstream(root_ / "platform.ini") << "[gps]\ndevice = sim\n[sim]\nttff_ms = 300\n[log]\ntarget = stderr\nthreshold = 7\n";
   Start();
+  const auto powerRequests = [&] {
+    std::ifstream in(root_ / "service.log");
+    const std::string log{std::istreambuf_iterator<char>(in), {}};
+    size_t count = 0;
+    for (size_t at = log.find("received CHANGE_POWER_STATE_eventfd"); at != std::string::npos;
+         at = log.find("received CHANGE_POWER_STATE_eventfd", at + 1))
+      ++count;
+    return count;
+  };
   msg::SetGetStateResponse response;
   ASSERT_EQ(Servicectl({"power", "on"}), 0);
   ASSERT_TRUE(WaitFor([&] { return CurrentFix(); }));
-  EXPECT_EQ(Servicectl({"state", "--json"}), 0);
+  ASSERT_EQ(powerRequests(), 1u);
+  EXPECT_EQ(Servicectl({"config", "set", "keepon=true"}), 0);
+  EXPECT_TRUE(WaitFor([&] { return Ask(response) == 0 && response.parameters().keepon(); }));
+  EXPECT_TRUE(CurrentFix()) << "keepon alone leaves the receiver on";
   EXPECT_EQ(Servicectl({"config", "set", "poweron=false"}), 0);
   EXPECT_TRUE(WaitFor([&] { return Ask(response) == 0 && !response.parameters().poweron(); }));
-  EXPECT_FALSE(response.has_state());
+  EXPECT_TRUE(WaitFor([&] { return powerRequests() == 2u; })) << "the engine was asked to switch off";
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(powerRequests(), 2u) << "keepon made no power request";
 }
 
 // Killed while it saves, the service leaves whole files behind: the stored
@@ -174,8 +213,23 @@ TEST_F(GpsService, AKillAtAnyMomentLeavesItsFilesWhole) {
 
 TEST_F(GpsService, ReadyOnlyStartSignalsReadyAndServesNothing) {
   std::ofstream(root_ / "platform.ini") << "[platform]\nstartup_mode = 1\n";
+  // systemd's side of the readiness notice: a datagram socket of our own.
+  const std::string notifyPath = root_ / "notify.sock";
+  const int notify = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, notifyPath.c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(notify, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
   ChildProcess service({GPS_SERVICE_BINARY});
+  unsetenv("NOTIFY_SOCKET");
   EXPECT_EQ(service.ExitStatus(), 0);
+  char message[64] = {};
+  EXPECT_EQ(recv(notify, message, sizeof message - 1, MSG_DONTWAIT), 7);
+  EXPECT_STREQ(message, "READY=1");
+  close(notify);
+  EXPECT_TRUE(std::filesystem::is_directory(root_ / "run/directory")) << "the directory was reached";
+  EXPECT_FALSE(std::filesystem::exists(root_ / "run/directory/local.device.gps")) << "no class registered";
   EXPECT_FALSE(std::filesystem::exists(root_ / "run/local.device.gps.sock"));
   EXPECT_FALSE(std::filesystem::exists(root_ / "fs/GPS/gps_param.cfg")) << "the engine did not start";
 }

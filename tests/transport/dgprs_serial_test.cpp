@@ -78,18 +78,26 @@ TEST_F(DgprsSerial, ClosedOrMissingPortsDoNothing) {
 }
 
 TEST_F(DgprsSerial, CloseRestoresTheSettingsFoundAtOpen) {
-  int32_t handle = DgprsSerOpen(slave_.c_str());
-  ASSERT_GE(handle, 0);
-  DgprsSerClose(&handle);
+  // Settings unlike the raw 115200 the link applies: canonical, echoing, 9600.
   const int probe = open(slave_.c_str(), O_RDWR | O_NOCTTY);
+  ASSERT_GE(probe, 0);
   termios before{};
   tcgetattr(probe, &before);
-  handle = DgprsSerOpen(slave_.c_str());
+  before.c_lflag |= ICANON | ECHO;
+  cfsetispeed(&before, B9600);
+  cfsetospeed(&before, B9600);
+  ASSERT_EQ(tcsetattr(probe, TCSANOW, &before), 0);
+
+  int32_t handle = DgprsSerOpen(slave_.c_str());
+  ASSERT_GE(handle, 0);
+  termios during{};
+  tcgetattr(probe, &during);
+  ASSERT_EQ(cfgetospeed(&during), B115200) << "the link applies its own settings while open";
   DgprsSerClose(&handle);
   termios after{};
   tcgetattr(probe, &after);
-  EXPECT_EQ(before.c_lflag, after.c_lflag);
-  EXPECT_EQ(cfgetospeed(&before), cfgetospeed(&after));
+  EXPECT_EQ(after.c_lflag & (ICANON | ECHO), before.c_lflag & (ICANON | ECHO));
+  EXPECT_EQ(cfgetospeed(&after), B9600);
   close(probe);
 }
 
