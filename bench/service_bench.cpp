@@ -98,7 +98,7 @@ int main(int argc, char** argv) {
   if (!mkdtemp(root.data())) Fail("mkdtemp");
   setenv("GPS_PLATFORM_ROOT", root.c_str(), 1);
   gps::platform::ReloadRoot();
-  std::ofstream(root + "/platform.ini") << "[sim]\nttff_ms = 300\n[log]\ntarget = stderr\nthreshold = 3\n";
+  std::ofstream(root + "/platform.ini") << "[gps]\ndevice = sim\n[sim]\nttff_ms = 300\n[log]\ntarget = stderr\nthreshold = 3\n";
 
   pid_t service = -1;
   char* args[] = {const_cast<char*>(GPS_SERVICE_BINARY), nullptr};

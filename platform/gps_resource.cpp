@@ -7,10 +7,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <thread>
@@ -31,6 +34,7 @@ extern "C" {
 #include "platform/root.h"
 #include "platform/serial_port.h"
 #include "platform/settings.h"
+#include "platform/ublox_port.h"
 #include "sim/embedded_receiver.h"
 
 namespace {
@@ -51,24 +55,41 @@ constexpr auto kSendWait = std::chrono::seconds(1);
 constexpr auto kWakeSettle = std::chrono::milliseconds(100);
 constexpr size_t kWakeBytes = 8;
 
-// UBX-RXM-PMREQ (class 0x02, id 0x41): u32 duration 0 (sleep until woken),
-// u32 flags 0x00000002 (backup). The receiver wakes on activity on its input.
-constexpr std::array<uint8_t, 16> BackupRequestFrame() {
-  std::array<uint8_t, 16> frame{0xB5, 0x62, 0x02, 0x41, 0x08, 0x00, 0, 0, 0, 0, 0x02, 0, 0, 0, 0, 0};
-  uint8_t a = 0, b = 0;
-  for (size_t i = 2; i < 14; ++i) {
-    a = static_cast<uint8_t>(a + frame[i]);
-    b = static_cast<uint8_t>(b + a);
-  }
-  frame[14] = a;
-  frame[15] = b;
-  return frame;
+namespace ublox = gps::platform::ublox;
+using ublox::Port;
+using ublox::PowerOff;
+
+// A receiver answers a poll or a configuration within a few hundred ms.
+constexpr auto kAnswerWait = std::chrono::seconds(1);
+// A receiver woken from backup answers MON-VER within this time, or is taken
+// for not there; the poll is repeated meanwhile.
+constexpr auto kWakeCheck = std::chrono::seconds(2);
+constexpr auto kWakePollInterval = std::chrono::milliseconds(250);
+// A receiver that failed its set-up is tried again after 5 s, then twice as
+// long after each failure up to 30 s: a set-up holds the engine's reads for
+// up to 3 s, which a receiver that never answers must not do all the time.
+constexpr auto kSetupRetryFirst = std::chrono::seconds(5);
+constexpr auto kSetupRetryLongest = std::chrono::seconds(30);
+// A line where no rate gave whole messages is listened to again this often.
+constexpr auto kDetectionRetry = std::chrono::seconds(10);
+// Baud detection listens this long at each rate: a receiver sends at least one
+// epoch a second, and answers a version poll at once.
+constexpr auto kBaudListen = std::chrono::milliseconds(1200);
+constexpr int kDetectionRates[] = {9600, 38400, 115200, 57600, 4800, 230400, 460800, 921600};
+// Whole messages with good checksums that prove a rate.
+constexpr int kBaudProof = 2;
+constexpr uint8_t kClassCfg = 0x06, kIdCfgPrt = 0x00, kClassMon = 0x0A, kIdMonVer = 0x04;
+
+// Where /sys and /dev are looked for when [gps] device = auto ("" on a real host).
+std::string HostRoot() {
+  const char* root = std::getenv("GPS_HOST_ROOT");
+  return root ? root : "";
 }
-constexpr auto kBackupRequest = BackupRequestFrame();
 
 enum class DeviceKind { Simulator, Serial };
 enum class Power { Unset, On, Off };  // Unset: never requested since the process started
 enum class WriteResult { Done, Gone, Stalled };
+enum class Setup { Done, Failed, Gone };
 
 std::string IniPath() { return gps::platform::Root() + "/platform.ini"; }
 
@@ -104,6 +125,8 @@ class Resource {
 
  private:
   bool Connect(std::string& reason);
+  bool OpenSerial(std::string& reason);
+  bool DetectBaud();
   void Disconnect();
   void Lost(const char* reason);
   void TryReopen();
@@ -112,16 +135,27 @@ class Resource {
   void Deliver(gps_device_data_t& block);
   void SignalReady(bool ready);
   void Watch(bool on);
+  // Puts a connected receiver into the requested power state.
+  void ApplyPower();
+  Setup SwitchOn();
+  Setup SwitchOff();
+  Setup Await(ublox::Scanner& scanner, Clock::duration wait, const std::function<bool()>& done);
   WriteResult WriteAll(std::span<const uint8_t> bytes);
   int Write(std::span<const uint8_t> bytes, const char* what);
+  void Complain(const std::string& line);
   const char* Name() const { return kind_ == DeviceKind::Simulator ? "the embedded simulator" : path_.c_str(); }
 
   bool open_ = false;
-  Power power_ = Power::Unset;  // kept across close and reopen
+  Power power_ = Power::Unset;  // kept across replugs; a request made while closed applies at the open
+  bool receiverOn_ = false;     // switched on and its port set up: output is delivered
   DeviceKind kind_ = DeviceKind::Simulator;
+  bool autoDevice_ = false;     // [gps] device = auto: looked for on every reopen
   std::string path_;
-  speed_t speed_ = B9600;
+  int baud_ = 0;                // 0: not known yet (baud = auto)
+  Port port_ = Port::Usb;
+  PowerOff powerOff_ = PowerOff::GnssStop;
   gps::platform::Settings settings_;
+  std::string lastComplaint_;   // the last failure logged, so a retry that fails the same way stays quiet
 
   UniqueFd device_;  // socket to the simulator or the serial line; empty while the device is gone
   std::unique_ptr<gps::sim::EmbeddedReceiver> simulator_;
@@ -130,26 +164,51 @@ class Resource {
   bool readySignalled_ = false;
   bool watching_ = false;
   Clock::time_point nextReopen_{};
+  Clock::time_point nextSetup_{};
+  Clock::duration setupRetry_{};  // zero until a set-up fails
 
   std::array<uint8_t, kPendingBytes> pending_{};
   size_t pendingBytes_ = 0;
   Clock::time_point lastByte_{};
 };
 
+void Resource::Complain(const std::string& line) {
+  if (line == lastComplaint_) return;
+  lastComplaint_ = line;
+  Sys_log(3, "GPS resource: %s", line.c_str());
+}
+
 int Resource::Open() {
   if (open_) return GPS_RESOURCE_ALREADY_OPEN;
   settings_ = gps::platform::CurrentSettings();
   kind_ = settings_.device == "sim" ? DeviceKind::Simulator : DeviceKind::Serial;
-  path_ = settings_.device;
-  if (kind_ == DeviceKind::Serial) {
-    const auto speed = gps::platform::SerialSpeed(settings_.baud);
-    if (!speed) {
-      Sys_log(3, "GPS resource: [gps] baud = %d in %s is no serial line speed; use one of %s", settings_.baud,
-              IniPath().c_str(), gps::platform::SerialSpeedList());
-      return GPS_RESOURCE_ERROR_ARGUMENT;
-    }
-    speed_ = *speed;
+  autoDevice_ = settings_.device == "auto";
+  path_ = autoDevice_ ? std::string() : settings_.device;
+  lastComplaint_.clear();
+  std::optional<Port> port;
+  if (!settings_.port.empty() && !(port = ublox::ParsePort(settings_.port))) {
+    Sys_log(3, "GPS resource: [gps] port = %s in %s is no receiver port; use usb, uart1 or uart2",
+            settings_.port.c_str(), IniPath().c_str());
+    return GPS_RESOURCE_ERROR_ARGUMENT;
   }
+  std::optional<PowerOff> powerOff;
+  if (!settings_.powerOff.empty() && !(powerOff = ublox::ParsePowerOff(settings_.powerOff))) {
+    Sys_log(3, "GPS resource: [gps] power_off = %s in %s is no power-off mode; use gnss-stop or backup",
+            settings_.powerOff.c_str(), IniPath().c_str());
+    return GPS_RESOURCE_ERROR_ARGUMENT;
+  }
+  if (kind_ == DeviceKind::Serial && settings_.baud != 0 && !gps::platform::SerialSpeed(settings_.baud)) {
+    Sys_log(3, "GPS resource: [gps] baud = %d in %s is no serial line speed; use auto or one of %s", settings_.baud,
+            IniPath().c_str(), gps::platform::SerialSpeedList());
+    return GPS_RESOURCE_ERROR_ARGUMENT;
+  }
+  // A rate found on the line is kept across replugs.
+  baud_ = settings_.baud;
+  // The embedded simulator is a receiver on USB.
+  port_ = port ? *port : kind_ == DeviceKind::Simulator ? Port::Usb
+                         : autoDevice_                   ? Port::Usb
+                                                         : ublox::PortOfDevice(path_, HostRoot());
+  powerOff_ = powerOff ? *powerOff : ublox::DefaultPowerOff(port_);
   wait_.reset(epoll_create1(EPOLL_CLOEXEC));
   ready_.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   epoll_event event{};
@@ -167,10 +226,12 @@ int Resource::Open() {
   if (!Connect(reason)) {
     // A USB receiver that is not plugged in yet is a receiver that is gone:
     // the resource opens, and the device is picked up when it appears.
-    if (kind_ == DeviceKind::Serial && (errno == ENOENT || errno == ENODEV || errno == ENXIO)) {
-      Sys_log(3, "GPS resource: %s is not there (%s); waiting for it, checking once a second", Name(),
-              reason.c_str());
-      nextReopen_ = Clock::now() + kReopenInterval;
+    // A receiver that talks at no rate yet is tried again the same way.
+    if (kind_ == DeviceKind::Serial && (errno == ENOENT || errno == ENODEV || errno == ENXIO || errno == EIO)) {
+      if (!autoDevice_ && errno != EIO)
+        Sys_log(3, "GPS resource: %s is not there (%s); waiting for it, checking once a second", Name(),
+                reason.c_str());
+      nextReopen_ = Clock::now() + (errno == EIO ? kDetectionRetry : kReopenInterval);
       open_ = true;
       return 0;
     }
@@ -191,17 +252,67 @@ int Resource::Close() {
   ready_.reset();
   pendingBytes_ = 0;
   open_ = false;
+  // The engine switches a reopened receiver on again when it wants it on.
+  power_ = Power::Unset;
   return 0;
+}
+
+bool Resource::OpenSerial(std::string& reason) {
+  if (autoDevice_) {
+    const auto found = ublox::FindReceiver(HostRoot());
+    if (!found) {
+      Complain("no u-blox receiver found; looking again when one is plugged in");
+      reason = "no u-blox receiver found";
+      errno = ENOENT;
+      return false;
+    }
+    if (*found != path_) Sys_log(5, "GPS resource: u-blox receiver found at %s", found->c_str());
+    path_ = *found;
+    if (settings_.port.empty()) {
+      port_ = ublox::PortOfDevice(path_, HostRoot());
+      if (settings_.powerOff.empty()) powerOff_ = ublox::DefaultPowerOff(port_);
+    }
+  }
+  device_ = gps::platform::OpenSerialPort(path_, *gps::platform::SerialSpeed(baud_ != 0 ? baud_ : 9600));
+  if (!device_) {
+    reason = std::strerror(errno);
+    return false;
+  }
+  // USB has no line speed; a UART's is found by listening when not configured.
+  if (baud_ == 0 && port_ != Port::Usb && !DetectBaud()) {
+    reason = "no receiver talking at any rate";
+    device_.reset();
+    errno = EIO;
+    return false;
+  }
+  return true;
+}
+
+// Tries each rate until whole messages with good checksums arrive; a version
+// poll at each rate makes a receiver with no output enabled answer.
+bool Resource::DetectBaud() {
+  for (const int baud : kDetectionRates) {
+    if (!gps::platform::SetSerialSpeed(device_.get(), *gps::platform::SerialSpeed(baud))) break;
+    ublox::Scanner scanner;
+    if (Write(ublox::VersionPoll(), "the version poll") != 0 || !device_) return false;
+    if (Await(scanner, kBaudListen, [&] { return scanner.goodMessages() >= kBaudProof || scanner.Seen(kClassMon, kIdMonVer); }) == Setup::Done) {
+      Sys_log(5, "GPS resource: %s talks at %d baud", Name(), baud);
+      baud_ = baud;
+      return true;
+    }
+    if (!device_) return false;
+  }
+  Complain(path_ + " sends no NMEA or UBX at any of 9600, 38400, 115200, 57600, 4800, 230400, 460800, 921600 "
+                   "baud; check that the receiver is powered and its TX is wired to our RX, or set [gps] baud in " +
+           IniPath());
+  return false;
 }
 
 bool Resource::Connect(std::string& reason) {
   lastByte_ = Clock::now();
+  receiverOn_ = false;
   if (kind_ == DeviceKind::Serial) {
-    device_ = gps::platform::OpenSerialPort(path_, speed_);
-    if (!device_) {
-      reason = std::strerror(errno);
-      return false;
-    }
+    if (!OpenSerial(reason)) return false;
   } else {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -215,7 +326,7 @@ bool Resource::Connect(std::string& reason) {
       return false;
     }
     auto options = SimulatorOptions(settings_);
-    options.startPowered = power_ == Power::On;
+    options.startPowered = true;  // a receiver plugged in runs; power is switched over the line
     std::string error;
     simulator_ = gps::sim::EmbeddedReceiver::Start(ends[1], options, &error);  // owns ends[1] from here
     if (!simulator_) {
@@ -225,12 +336,13 @@ bool Resource::Connect(std::string& reason) {
     device_ = std::move(ours);
   }
   watching_ = false;
-  Watch(power_ == Power::On);
+  ApplyPower();
   return true;
 }
 
 void Resource::Disconnect() {
   Watch(false);
+  receiverOn_ = false;
   device_.reset();
   simulator_.reset();  // stops its thread and closes its end
   SignalReady(false);
@@ -279,10 +391,11 @@ void Resource::TryReopen() {
   if (now < nextReopen_) return;
   nextReopen_ = now + kReopenInterval;
   std::string reason;
-  if (!Connect(reason)) return;
+  if (!Connect(reason)) {
+    if (errno == EIO) nextReopen_ = now + kDetectionRetry;
+    return;
+  }
   Sys_log(4, "GPS resource: %s is back", Name());
-  // A serial receiver that was unplugged comes back running.
-  if (power_ == Power::Off && kind_ == DeviceKind::Serial) Write(kBackupRequest, "the backup request");
 }
 
 void Resource::Fill() {
@@ -333,13 +446,115 @@ int Resource::GetData(gps_device_data_t& block) {
   block.length = 0;
   if (!open_) return GPS_RESOURCE_ERROR_NOT_OPEN;
   if (!device_) TryReopen();
-  if (power_ != Power::On) {
+  if (device_ && power_ == Power::On && !receiverOn_ && Clock::now() >= nextSetup_) ApplyPower();
+  if (!receiverOn_) {
     Drain();
     return 0;
   }
   Fill();
   Deliver(block);
   return 0;
+}
+
+// Reads the receiver's answers into `scanner` until `done` holds; the bytes
+// are the set-up's, never delivered.
+Setup Resource::Await(ublox::Scanner& scanner, Clock::duration wait, const std::function<bool()>& done) {
+  const auto deadline = Clock::now() + wait;
+  std::array<uint8_t, 512> buffer;
+  while (!done()) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) return Setup::Failed;
+    pollfd pfd{device_.get(), POLLIN, 0};
+    if (poll(&pfd, 1, static_cast<int>(left)) < 0 && errno != EINTR) {
+      Lost(std::strerror(errno));
+      return Setup::Gone;
+    }
+    const ssize_t n = read(device_.get(), buffer.data(), buffer.size());
+    if (n > 0) {
+      scanner.Push(std::span<const uint8_t>(buffer.data(), static_cast<size_t>(n)));
+    } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+      Lost(n == 0 ? "end of stream" : std::strerror(errno));
+      return Setup::Gone;
+    }
+  }
+  return Setup::Done;
+}
+
+// Brings the receiver back from the power-off mode and makes its port output
+// NMEA and UBX and take UBX; output is delivered only once it acknowledged.
+Setup Resource::SwitchOn() {
+  ublox::Scanner scanner;
+  if (powerOff_ == PowerOff::Backup) {
+    // A receiver in backup wakes on an edge on its RX line and drops what
+    // arrives while it starts; then it must answer a version poll.
+    static constexpr std::array<uint8_t, kWakeBytes> kWake = [] {
+      std::array<uint8_t, kWakeBytes> bytes{};
+      bytes.fill(0xFF);
+      return bytes;
+    }();
+    if (Write(kWake, "the wake-up bytes") != 0) return device_ ? Setup::Failed : Setup::Gone;
+    std::this_thread::sleep_for(kWakeSettle);
+    const auto end = Clock::now() + kWakeCheck;
+    Setup answered = Setup::Failed;
+    while (answered == Setup::Failed && Clock::now() < end) {
+      if (Write(ublox::VersionPoll(), "the version poll") != 0) return device_ ? Setup::Failed : Setup::Gone;
+      answered = Await(scanner, kWakePollInterval, [&] { return scanner.Seen(kClassMon, kIdMonVer); });
+    }
+    if (answered == Setup::Gone) return answered;
+    if (answered != Setup::Done) {
+      Complain(std::string(Name()) + " does not answer after the wake-up (no MON-VER in 2 s); check that it is "
+                                     "powered, that our TX reaches its RX and [gps] baud in " + IniPath() +
+               "; trying again");
+      return Setup::Failed;
+    }
+  }
+  const auto setup = ublox::PortSetup(port_, static_cast<uint32_t>(baud_));
+  if (Write(setup, "the port set-up") != 0) return device_ ? Setup::Failed : Setup::Gone;
+  const Setup acked = Await(scanner, kAnswerWait, [&] { return scanner.Ack(kClassCfg, kIdCfgPrt).has_value(); });
+  if (acked == Setup::Gone) return acked;
+  const auto ack = scanner.Ack(kClassCfg, kIdCfgPrt);
+  if (!ack || !*ack) {
+    Complain(std::string(Name()) + (ack ? " refused" : " did not acknowledge") + " the set-up of its " +
+             ublox::PortName(port_) + " port (CFG-PRT); check [gps] port in " + IniPath() +
+             " and that the receiver takes UBX input; trying again");
+    return Setup::Failed;
+  }
+  if (powerOff_ == PowerOff::GnssStop && Write(ublox::GnssStart(), "the GNSS start") != 0)
+    return device_ ? Setup::Failed : Setup::Gone;
+  return Setup::Done;
+}
+
+Setup Resource::SwitchOff() {
+  const auto frame = powerOff_ == PowerOff::GnssStop ? ublox::GnssStop() : ublox::BackupUntilUartRx();
+  if (Write(frame, powerOff_ == PowerOff::GnssStop ? "the GNSS stop" : "the backup request") != 0)
+    return device_ ? Setup::Failed : Setup::Gone;
+  return Setup::Done;
+}
+
+void Resource::ApplyPower() {
+  receiverOn_ = false;
+  Watch(false);
+  if (power_ == Power::Unset || !device_) return;
+  // Bytes from before the switch belong to the old state.
+  Drain();
+  SignalReady(false);
+  if (!device_) return;
+  if (power_ == Power::Off) {
+    SwitchOff();
+    return;
+  }
+  const Setup result = SwitchOn();
+  if (result != Setup::Done) {
+    setupRetry_ = setupRetry_ == Clock::duration::zero() ? Clock::duration(kSetupRetryFirst)
+                                                        : std::min<Clock::duration>(2 * setupRetry_, kSetupRetryLongest);
+    nextSetup_ = Clock::now() + setupRetry_;
+    return;
+  }
+  setupRetry_ = Clock::duration::zero();
+  if (!lastComplaint_.empty()) Sys_log(4, "GPS resource: %s answers again", Name());
+  lastComplaint_.clear();
+  receiverOn_ = true;
+  Watch(true);
 }
 
 WriteResult Resource::WriteAll(std::span<const uint8_t> bytes) {
@@ -393,7 +608,9 @@ int Resource::Send(const gps_send_data_t& block) {
             GPS_SEND_DATA_BYTES);
     return GPS_RESOURCE_ERROR_ARGUMENT;
   }
-  return Write(std::span<const uint8_t>(block.data, block.length), "data");
+  const std::span<const uint8_t> bytes(block.data, block.length);
+  if (const auto carried = ublox::CarryDdcRate(bytes, port_)) return Write(*carried, "data");
+  return Write(bytes, "data");
 }
 
 int Resource::SetPower(bool on) {
@@ -403,26 +620,9 @@ int Resource::SetPower(bool on) {
     TryReopen();  // a device that comes back is put in the requested state
     return 0;
   }
-  // Bytes from before the switch belong to the old state.
-  Drain();
-  SignalReady(false);
+  ApplyPower();
   if (!device_) return GPS_RESOURCE_ERROR_DEVICE;
-  int result = 0;
-  if (kind_ == DeviceKind::Simulator) {
-    simulator_->SetPowered(on);
-  } else if (!on) {
-    result = Write(kBackupRequest, "the backup request");
-  } else {
-    static constexpr std::array<uint8_t, kWakeBytes> kWake = [] {
-      std::array<uint8_t, kWakeBytes> bytes{};
-      bytes.fill(0xFF);
-      return bytes;
-    }();
-    result = Write(kWake, "the wake-up bytes");
-    std::this_thread::sleep_for(kWakeSettle);
-  }
-  Watch(on);
-  return result;
+  return on && !receiverOn_ ? GPS_RESOURCE_ERROR_DEVICE : 0;
 }
 
 // Never destroyed: the engine thread may still be in a call while the process exits.

@@ -1,6 +1,7 @@
 // The platform GPS resource driver: the u-blox receiver as the engine sees it.
-// The receiver is the embedded simulator (device "sim") or a serial port,
-// chosen in platform.ini ([gps] device, baud).
+// The receiver is a u-blox receiver on a serial port (USB or UART) or the
+// embedded simulator (device "sim", a receiver on USB), chosen in
+// platform.ini ([gps] device, baud, port, power_off).
 #pragma once
 
 #include <cstdint>
@@ -51,11 +52,28 @@ int GPS_SetPowerState(const gps_power_state_t* state);
 // tries to reopen it at most once a second; the engine's periodic read is what
 // brings it back, and it sees nothing but a gap in the data.
 //
-// Power: GPS_SetPowerState off stops delivery (input is drained and dropped)
-// and puts a serial receiver into backup mode (UBX-RXM-PMREQ); on wakes it
-// with bytes on its input line and resumes delivery. Delivery starts only
-// with the first power-on. The requested state outlives close, reopen and a
-// device that goes and comes back.
+// Power is switched over the line, the u-blox way for the receiver's port
+// (USB unless [gps] port says otherwise; a serial device is USB when it is a
+// CDC-ACM tty or has a u-blox USB parent, UART1 otherwise). Off stops
+// delivery (input is drained and dropped) and sends GNSS stop (CFG-RST 0x08)
+// on USB, or backup with UART RX as wake-up source (RXM-PMREQ) on a UART
+// ([gps] power_off overrides). On wakes a receiver in backup (bytes on its
+// line, then a MON-VER poll answered within 2 s), starts GNSS after a GNSS
+// stop, and sets the port to output NMEA and UBX and take UBX (CFG-PRT, a
+// UART at its current rate); delivery starts only once CFG-PRT is
+// acknowledged. A receiver that fails is logged once and tried again after
+// 5 s, then at doubling intervals up to 30 s. Delivery starts only with the first power-on. The requested state
+// outlives a device that goes and comes back (it is applied to the new one);
+// a request made while closed applies at the next open, and close forgets it.
+//
+// Every 8-rate CFG-MSG sent that names DDC (port 0) and no other port, the
+// engine's way of enabling a message, goes out with DDC's rate carried to the
+// attached port; everything else goes out as it came.
+//
+// [gps] device = auto finds the receiver (USB vendor id 1546 through sysfs,
+// then /dev/serial/by-id/*u-blox*, then the only /dev/ttyACM*; below
+// $GPS_HOST_ROOT when set) and looks again once a second while none is there.
+// [gps] baud = auto finds a UART's rate by listening for whole messages.
 //
 // The embedded simulator (device "sim") also reads [sim] ttff_ms (time to
 // first fix), ant_off_polarity (0/1) and alp_file from platform.ini.

@@ -55,4 +55,13 @@ UniqueFd OpenSerialPort(const std::string& path, speed_t speed) {
   return fd;
 }
 
+bool SetSerialSpeed(int fd, speed_t speed) {
+  termios tio{};
+  if (tcgetattr(fd, &tio) != 0 || cfsetispeed(&tio, speed) != 0 || cfsetospeed(&tio, speed) != 0 ||
+      tcsetattr(fd, TCSANOW, &tio) != 0)
+    return false;
+  tcflush(fd, TCIFLUSH);
+  return true;
+}
+
 }  // namespace gps::platform

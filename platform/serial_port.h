@@ -45,4 +45,7 @@ const char* SerialSpeedList();
 // or is not a terminal.
 UniqueFd OpenSerialPort(const std::string& path, speed_t speed);
 
+// Changes an open line's speed and drops what arrived at the old one.
+bool SetSerialSpeed(int fd, speed_t speed);
+
 }  // namespace gps::platform

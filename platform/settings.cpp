@@ -56,7 +56,10 @@ Settings Load() {
   s.startupMode = ReadInt(ini, "platform:startup_mode", s.startupMode, 0, 255, file);
   s.moduleType = ReadInt(ini, "platform:module_type", s.moduleType, 0, 255, file);
   s.device = iniparser_getstring(ini, "gps:device", s.device.c_str());
-  s.baud = ReadInt(ini, "gps:baud", s.baud, 1200, 4000000, file);
+  if (std::string(iniparser_getstring(ini, "gps:baud", "auto")) != "auto")
+    s.baud = ReadInt(ini, "gps:baud", s.baud, 1200, 4000000, file);
+  s.port = iniparser_getstring(ini, "gps:port", "");
+  s.powerOff = iniparser_getstring(ini, "gps:power_off", "");
   s.logThreshold = ReadInt(ini, "log:threshold", s.logThreshold, 0, 7, file);
   const std::string target = iniparser_getstring(ini, "log:target", "syslog");
   if (target == "stderr") {

@@ -10,8 +10,10 @@ enum class LogTarget { Syslog, Stderr };
 struct Settings {
   int startupMode = 0;            // 0 service mode; see the service's start-up
   int moduleType = 2;             // 1 UBX-G7020, 2 UBX-M8030, other: GPRS modem
-  std::string device = "sim";     // "sim" or a serial device path
-  int baud = 9600;
+  std::string device = "auto";    // "auto" (find a u-blox receiver), "sim" or a serial device path
+  int baud = 0;                   // 0: "auto", found on the line
+  std::string port;               // "usb", "uart1", "uart2"; empty: from the device
+  std::string powerOff;           // "gnss-stop", "backup"; empty: by port
   int logThreshold = 6;
   LogTarget logTarget = LogTarget::Syslog;
   std::string simScenario;        // empty: the simulator's built-in route

@@ -12,7 +12,8 @@ namespace {
 
 class RunningReceiver final : public EmbeddedReceiver {
  public:
-  RunningReceiver(int fd, Receiver receiver) : runner_(fd, std::move(receiver)) {}
+  RunningReceiver(int fd, Receiver receiver, uint32_t lineBaud)
+      : runner_(fd, std::move(receiver), RunnerOptions{.ptySlavePath = {}, .maxQueuedBytes = 32 * 1024, .lineBaud = lineBaud}) {}
 
   bool Start(std::string* error) { return runner_.Start(error); }
   void SetPowered(bool on) override { runner_.SetPowered(on); }
@@ -33,7 +34,7 @@ std::unique_ptr<EmbeddedReceiver> EmbeddedReceiver::Start(int fd, const Embedded
   }
   const int flags = fcntl(fd, F_GETFL);
   if (flags >= 0) fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-  auto running = std::make_unique<RunningReceiver>(fd, std::move(*receiver));
+  auto running = std::make_unique<RunningReceiver>(fd, std::move(*receiver), options.lineBaud);
   if (!running->Start(error)) return nullptr;  // the runner closes the descriptor
   return running;
 }

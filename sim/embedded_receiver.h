@@ -19,6 +19,11 @@ struct EmbeddedOptions {
   uint32_t ttffMs = 3000;     // time to first fix after power-on or cold start
   bool antOffPolarity = false;  // bit 7 of llcGen in the MON-LLC answer
   std::string alpFile;        // AssistNow Offline data to check answers against; empty: sizes only
+  uint8_t port = 3;           // the receiver port the line is: 3 USB, 1 UART1
+  bool ubxOnly = false;       // starts with NMEA output off
+  // A UART receiver talks at this rate: on a terminal line set to another
+  // speed its output is noise and its input is lost. 0: any (USB).
+  uint32_t lineBaud = 0;
 };
 
 class EmbeddedReceiver {

@@ -18,7 +18,7 @@ using ubx::PutU8;
 
 // Message identities, as (class, id).
 constexpr uint8_t kIdAckNak = 0x00, kIdAckAck = 0x01;
-constexpr uint8_t kIdCfgMsg = 0x01, kIdCfgRst = 0x04, kIdCfgRate = 0x08, kIdCfgRxm = 0x11, kIdCfgNavx5 = 0x23,
+constexpr uint8_t kIdCfgPrt = 0x00, kIdCfgMsg = 0x01, kIdCfgRst = 0x04, kIdCfgRate = 0x08, kIdCfgRxm = 0x11, kIdCfgNavx5 = 0x23,
                   kIdCfgPm2 = 0x3B, kIdCfgOtp = 0x41;
 constexpr uint8_t kIdNavStatus = 0x03, kIdNavSol = 0x06, kIdNavPvt = 0x07, kIdNavClock = 0x22, kIdNavSvinfo = 0x30;
 constexpr uint8_t kIdMonVer = 0x04, kIdMonHw = 0x09, kIdMonLlc = 0x0D;
@@ -97,6 +97,8 @@ uint32_t Receiver::currentTtffMs() const { return alp_.ttffShortened ? config_.t
 
 void Receiver::Boot() {
   ResetMessageRates();
+  ResetPorts();
+  gnssStopped_ = false;
   fixPeriodMs_ = kDefaultPeriodMs;
   measRateMs_ = kDefaultPeriodMs;
   lpMode_ = 0;
@@ -128,6 +130,26 @@ void Receiver::ResetMessageRates() {
   alp_.outputEnabled = false;
 }
 
+void Receiver::ResetPorts() {
+  for (size_t port = 0; port < 6; ++port) {
+    ports_[port] = PortConfig{};
+    if (config_.ubxOnly) ports_[port].outProto = kProtoUbx;
+    if (port == 1 || port == 2) {
+      ports_[port].mode = 0x000008D0;  // 8N1
+      ports_[port].baud = 9600;
+    }
+  }
+}
+
+// Everything the receiver writes passes here: the host's port carries NMEA
+// and UBX only while its output mask has them.
+void Receiver::Emit(std::string message) {
+  const uint16_t out = ports_[config_.port].outProto;
+  const bool ubx = !message.empty() && static_cast<uint8_t>(message[0]) == ubx::kSync1;
+  if ((out & (ubx ? kProtoUbx : kProtoNmea)) == 0) return;
+  output_.push_back(std::move(message));
+}
+
 const Receiver::RateEntry* Receiver::FindRate(uint8_t messageClass, uint8_t messageId) const {
   for (const RateEntry& r : rates_)
     if (r.messageClass == messageClass && r.messageId == messageId) return &r;
@@ -140,11 +162,7 @@ Receiver::RateEntry* Receiver::FindRate(uint8_t messageClass, uint8_t messageId)
 
 uint8_t Receiver::MessageRate(uint8_t messageClass, uint8_t messageId) const {
   const RateEntry* r = FindRate(messageClass, messageId);
-  if (!r) return 0;
-  // One line stands for every port: the first port with a rate decides.
-  for (uint8_t rate : r->rates)
-    if (rate > 0) return rate;
-  return 0;
+  return r ? r->rates[config_.port] : 0;
 }
 
 bool Receiver::IsDue(uint8_t messageClass, uint8_t messageId) const {
@@ -186,6 +204,8 @@ void Receiver::Advance(uint64_t nowMs) {
   if (power_ == PowerState::On) {
     if (nowMs >= nextEpochMs_ && (nowMs - nextEpochMs_) / fixPeriodMs_ > kMaxEpochBacklog)
       nextEpochMs_ += (nowMs - nextEpochMs_) / fixPeriodMs_ * fixPeriodMs_;
+    // With GNSS stopped there are no epochs: the schedule just moves on.
+    while (gnssStopped_ && nextEpochMs_ <= nowMs) nextEpochMs_ += fixPeriodMs_;
     while (power_ == PowerState::On && nextEpochMs_ <= nowMs) {
       nowMs_ = nextEpochMs_;
       lastEpochMs_ = nextEpochMs_;
@@ -257,18 +277,18 @@ void Receiver::RunEpoch(uint64_t epochMs) {
 }
 
 void Receiver::EmitNmea(const Epoch& e) {
-  if (IsDue(ubx::cls::kNmea, kNmeaRmc)) output_.push_back(nmea_.Rmc(e.nmea));
-  if (IsDue(ubx::cls::kNmea, kNmeaVtg)) output_.push_back(nmea_.Vtg(e.nmea));
-  if (IsDue(ubx::cls::kNmea, kNmeaGga)) output_.push_back(nmea_.Gga(e.nmea));
+  if (IsDue(ubx::cls::kNmea, kNmeaRmc)) Emit(nmea_.Rmc(e.nmea));
+  if (IsDue(ubx::cls::kNmea, kNmeaVtg)) Emit(nmea_.Vtg(e.nmea));
+  if (IsDue(ubx::cls::kNmea, kNmeaGga)) Emit(nmea_.Gga(e.nmea));
   if (IsDue(ubx::cls::kNmea, kNmeaGsa)) {
-    output_.push_back(nmea_.Gsa(e.nmea, e.sky.gps));
-    output_.push_back(nmea_.Gsa(e.nmea, e.sky.glonass));
+    Emit(nmea_.Gsa(e.nmea, e.sky.gps));
+    Emit(nmea_.Gsa(e.nmea, e.sky.glonass));
   }
   if (IsDue(ubx::cls::kNmea, kNmeaGsv)) {
-    for (std::string& s : NmeaGenerator::Gsv("GP", e.sky.gps)) output_.push_back(std::move(s));
-    for (std::string& s : NmeaGenerator::Gsv("GL", e.sky.glonass)) output_.push_back(std::move(s));
+    for (std::string& s : NmeaGenerator::Gsv("GP", e.sky.gps)) Emit(std::move(s));
+    for (std::string& s : NmeaGenerator::Gsv("GL", e.sky.glonass)) Emit(std::move(s));
   }
-  if (IsDue(ubx::cls::kNmea, kNmeaGll)) output_.push_back(nmea_.Gll(e.nmea));
+  if (IsDue(ubx::cls::kNmea, kNmeaGll)) Emit(nmea_.Gll(e.nmea));
 }
 
 void Receiver::EmitUbx(const Epoch& e) {
@@ -287,7 +307,9 @@ void Receiver::EmitUbx(const Epoch& e) {
 void Receiver::Receive(std::span<const uint8_t> bytes) {
   if (power_ == PowerState::Off || bytes.empty()) return;
   if (power_ == PowerState::Backup) {
-    // The first edge on the line wakes the receiver; that byte is lost.
+    // Only a wake-up source wakes it: on a UART the first edge on RX (that
+    // byte is lost); USB is none.
+    if (!wakeOnRx_) return;
     power_ = PowerState::On;
     backupWakeMs_.reset();
     bootMs_ = nowMs_;
@@ -299,6 +321,7 @@ void Receiver::Receive(std::span<const uint8_t> bytes) {
   for (const ubx::Frame& frame : frames) {
     // Whatever followed a backup request was sent to a sleeping receiver.
     if (power_ != PowerState::On) break;
+    if ((ports_[config_.port].inProto & kProtoUbx) == 0) continue;
     received_.push_back(frame.bytes);
     HandleFrame(frame);
   }
@@ -348,8 +371,12 @@ void Receiver::HandleCfg(const ubx::Frame& frame) {
         rates_.push_back({p[0], p[1], {0, 0, 0, 0, 0, 0}});
         r = &rates_.back();
       }
-      // The 3-byte form sets the port the command came on: here the one line.
-      for (size_t port = 0; port < 6; ++port) r->rates[port] = n == 8 ? p[2 + port] : p[2];
+      // The 3-byte form sets the port the command came on.
+      if (n == 8) {
+        std::copy(p.begin() + 2, p.end(), r->rates);
+      } else {
+        r->rates[config_.port] = p[2];
+      }
       if (p[0] == ubx::cls::kAid && p[1] == kIdAidAlpsrv) alp_.outputEnabled = MessageRate(p[0], p[1]) > 0;
       return ack();
     }
@@ -384,11 +411,51 @@ void Receiver::HandleCfg(const ubx::Frame& frame) {
       if (lpMode_ != 1) fixPeriodMs_ = measRateMs_;
       Reschedule();
       return ack();
+    case kIdCfgPrt: {
+      // Poll: the port asked for (1 byte) or the port the poll came on (none).
+      if (n <= 1) {
+        const uint8_t port = n == 1 ? p[0] : config_.port;
+        if (port >= 6) return nak();
+        std::vector<uint8_t> answerPayload(20, 0);
+        PutU8(answerPayload, 0, port);
+        PutU32(answerPayload, 4, ports_[port].mode);
+        PutU32(answerPayload, 8, ports_[port].baud);
+        PutU16(answerPayload, 12, ports_[port].inProto);
+        PutU16(answerPayload, 14, ports_[port].outProto);
+        return answer(answerPayload);
+      }
+      if (n != 20 || p[0] >= 6) return nak();
+      PortConfig& port = ports_[p[0]];
+      port.inProto = ubx::GetU16(p, 12);
+      port.outProto = ubx::GetU16(p, 14);
+      if (p[0] == 1 || p[0] == 2) {
+        port.mode = ubx::GetU32(p, 4);
+        port.baud = ubx::GetU32(p, 8);
+      }
+      // Acknowledged on the new configuration.
+      return ack();
+    }
     case kIdCfgRst: {
       if (n != 4) return nak();
       ack();
+      const uint8_t resetMode = p[2];
+      if (resetMode == 0x08 || resetMode == 0x09) {
+        // GNSS stop and start: the RF section sleeps or wakes, the interface
+        // and the configuration stay.
+        const bool wasStopped = gnssStopped_;
+        gnssStopped_ = resetMode == 0x08;
+        fixed_ = false;
+        if (wasStopped && !gnssStopped_) RestartAcquisition();
+        return;
+      }
+      if (resetMode == 0x00 || resetMode == 0x01 || resetMode == 0x04) {
+        // Hardware and software resets reboot into the default configuration.
+        Boot();
+        Emit(NmeaGenerator::Txt("GP", 2, "Resetting GPS"));
+        return;
+      }
       const uint16_t navBbrMask = ubx::GetU16(p, 0);
-      output_.push_back(NmeaGenerator::Txt("GP", 2, "Resetting GPS"));
+      Emit(NmeaGenerator::Txt("GP", 2, "Resetting GPS"));
       ResetMessageRates();
       if (navBbrMask == 0xFFFF) {
         // A cold start clears the battery-backed memory, the ALP data with it.
@@ -396,7 +463,7 @@ void Receiver::HandleCfg(const ubx::Frame& frame) {
         alp_.firstBlockReceived = false;
         alp_.complete = false;
         alpRequests_.clear();
-            }
+      }
       RestartAcquisition();
       return;
     }
@@ -439,17 +506,21 @@ void Receiver::HandlePoll(uint8_t messageClass, uint8_t messageId) {
 void Receiver::HandleBackupRequest(std::span<const uint8_t> p) {
   uint32_t durationMs = 0;
   uint32_t flags = 0;
+  uint32_t wakeupSources = 0;  // the 8-byte form names none
   if (p.size() == 8) {
     durationMs = ubx::GetU32(p, 0);
     flags = ubx::GetU32(p, 4);
   } else if (p.size() == 16) {
     durationMs = ubx::GetU32(p, 4);
     flags = ubx::GetU32(p, 8);
+    wakeupSources = ubx::GetU32(p, 12);
   } else {
     return;
   }
   if ((flags & 0x2) == 0) return;
   power_ = PowerState::Backup;
+  constexpr uint32_t kWakeUartRx = 0x08;
+  wakeOnRx_ = (config_.port == 1 || config_.port == 2) && (wakeupSources & kWakeUartRx) != 0;
   if (durationMs > 0)
     backupWakeMs_ = nowMs_ + durationMs;
   else
@@ -576,7 +647,7 @@ void Receiver::HandleAlpsrv(std::span<const uint8_t> p) {
 
 void Receiver::SendUbx(uint8_t messageClass, uint8_t messageId, const std::vector<uint8_t>& payload) {
   const std::vector<uint8_t> frame = ubx::EncodeFrame(messageClass, messageId, payload);
-  output_.emplace_back(frame.begin(), frame.end());
+  Emit(std::string(frame.begin(), frame.end()));
 }
 
 void Receiver::SendAck(bool ack, uint8_t messageClass, uint8_t messageId) {

@@ -16,8 +16,19 @@
 //    period (lpMode 0 returns to 1000 ms). CFG-RST restarts the acquisition,
 //    announces "Resetting GPS" and clears the message configuration; a cold
 //    start (navBbrMask 0xFFFF) also forgets the offline assistance.
-//  - RXM-PMREQ with the backup flag puts it into backup: silent until a byte
-//    arrives on its line (or the requested duration is over).
+//  - It is attached to one port (USB or UART1) and keeps the u-blox port
+//    rules: a message comes out only at the rate set for that port (the
+//    8-rate CFG-MSG sets every port, the 3-rate form the port it came on),
+//    NMEA only while the port's CFG-PRT output mask has NMEA, UBX only while
+//    it has UBX, and UBX input is taken only while the input mask has UBX.
+//  - CFG-RST: reset mode 0x08 stops GNSS (no epochs, the interface still
+//    answers), 0x09 starts it again with a fresh acquisition; 0x02 restarts
+//    the acquisition; the hardware and software resets (0x00, 0x01, 0x04)
+//    reboot it with the default configuration.
+//  - RXM-PMREQ with the backup flag puts it into backup: silent and deaf
+//    until the requested duration is over, or, on a UART port, until a byte
+//    arrives when UART RX is among the wake-up sources (16-byte form, bit 3).
+//    On USB nothing over the line wakes it: only a power cycle.
 //  - AssistNow Offline: with AID-ALPSRV output on and the first ALP block
 //    received, it asks the host for further parts of the ALP data (one
 //    request per fix period, re-sent when unanswered), checks each answer,
@@ -50,7 +61,13 @@ struct ReceiverConfig {
   // AssistNow Offline requests: count, and size of each in 2-byte words.
   uint32_t alpRequestCount = 3;
   uint16_t alpRequestWords = 64;
+  uint8_t port = 3;              // the port the host is on: 3 USB, 1 UART1
+  bool ubxOnly = false;          // NMEA output off on every port at boot
 };
+
+// CFG-PRT output and input protocol mask bits.
+inline constexpr uint16_t kProtoUbx = 0x0001;
+inline constexpr uint16_t kProtoNmea = 0x0002;
 
 struct AlpStatus {
   bool outputEnabled = false;       // CFG-MSG 0B 32 rate > 0
@@ -100,14 +117,22 @@ class Receiver {
   const AlpStatus& alp() const { return alp_; }
   uint64_t nowMs() const { return nowMs_; }
 
-  // The current message rate of (class, id), 0 when off.
+  // The current message rate of (class, id) on the host's port, 0 when off.
   uint8_t MessageRate(uint8_t messageClass, uint8_t messageId) const;
+  bool gnssStopped() const { return gnssStopped_; }
+  uint16_t outputProtocols() const { return ports_[config_.port].outProto; }
 
  private:
   struct RateEntry {
     uint8_t messageClass;
     uint8_t messageId;
     uint8_t rates[6];
+  };
+  struct PortConfig {
+    uint16_t inProto = 0x0007;  // UBX, NMEA, RTCM2
+    uint16_t outProto = kProtoUbx | kProtoNmea;
+    uint32_t mode = 0;
+    uint32_t baud = 0;
   };
   struct AlpRequest {
     uint16_t ofsWords = 0;
@@ -122,6 +147,8 @@ class Receiver {
   void RestartAcquisition();
   void Reschedule();
   void ResetMessageRates();
+  void ResetPorts();
+  void Emit(std::string message);
   RateEntry* FindRate(uint8_t messageClass, uint8_t messageId);
   const RateEntry* FindRate(uint8_t messageClass, uint8_t messageId) const;
   bool IsDue(uint8_t messageClass, uint8_t messageId) const;
@@ -176,6 +203,9 @@ class Receiver {
   std::vector<uint8_t> otp_;        // last CFG-OTP record
   std::vector<uint8_t> navx5_;      // last CFG-NAVX5 payload
   std::vector<RateEntry> rates_;
+  PortConfig ports_[6];
+  bool gnssStopped_ = false;
+  bool wakeOnRx_ = false;           // in backup: a byte on the line wakes it
 
   AlpStatus alp_;
   std::vector<AlpRequest> alpRequests_;

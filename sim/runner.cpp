@@ -24,6 +24,21 @@ constexpr int kMaxWaitMs = 50;
 constexpr int kNoClientRecheckMs = 100;
 constexpr size_t kReadChunkBytes = 4096;
 
+speed_t SpeedOf(uint32_t baud) {
+  switch (baud) {
+    case 4800: return B4800;
+    case 9600: return B9600;
+    case 19200: return B19200;
+    case 38400: return B38400;
+    case 57600: return B57600;
+    case 115200: return B115200;
+    case 230400: return B230400;
+    case 460800: return B460800;
+    case 921600: return B921600;
+    default: return B0;
+  }
+}
+
 uint64_t MonotonicNs() {
   timespec ts{};
   clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -87,8 +102,19 @@ AlpStatus Runner::Alp() const {
   return receiver_.alp();
 }
 
+bool Runner::LineSpeedMatches() const {
+  if (options_.lineBaud == 0) return true;
+  termios tio{};
+  // On a pseudo-terminal master this reads the slave's settings: the host's.
+  if (tcgetattr(fd_, &tio) != 0) return true;
+  return cfgetospeed(&tio) == SpeedOf(options_.lineBaud);
+}
+
 void Runner::CollectOutput() {
+  const bool matches = LineSpeedMatches();
   for (std::string& message : receiver_.TakeOutput()) {
+    if (!matches)
+      for (char& c : message) c = static_cast<char>(static_cast<uint8_t>(c) | 0x80);
     queuedBytes_ += message.size();
     queue_.push_back(std::move(message));
   }
@@ -178,7 +204,7 @@ void Runner::ReadInput() {
     if (n > 0) {
       std::lock_guard lock(mutex_);
       receiver_.Advance(NowMs());
-      receiver_.Receive(std::span<const uint8_t>(buffer, static_cast<size_t>(n)));
+      if (LineSpeedMatches()) receiver_.Receive(std::span<const uint8_t>(buffer, static_cast<size_t>(n)));
       CollectOutput();
       if (static_cast<size_t>(n) < sizeof buffer) return;
       continue;

@@ -29,6 +29,10 @@ struct RunnerOptions {
   // is flushed, so that the next client starts with fresh sentences.
   std::string ptySlavePath;
   size_t maxQueuedBytes = 32 * 1024;
+  // The rate a UART receiver talks at. While the terminal line behind the
+  // descriptor is set to another speed, what it writes arrives as noise (no
+  // '$', no UBX sync) and what it is sent is lost. 0: any speed (USB).
+  uint32_t lineBaud = 0;
 };
 
 class Runner {
@@ -61,6 +65,7 @@ class Runner {
   void WriteOutput();
   Peer CheckPtyClient(short revents);
   void FlushPtySlave() const;
+  bool LineSpeedMatches() const;
 
   int fd_;
   bool isSocket_ = false;

@@ -18,6 +18,8 @@ std::optional<Receiver> MakeReceiver(const EmbeddedOptions& options, std::string
   config.ttffMs = options.ttffMs;
   config.antOffPolarity = options.antOffPolarity;
   config.startPowered = options.startPowered;
+  config.port = options.port;
+  config.ubxOnly = options.ubxOnly;
   if (const auto start = scenario->startUtcMs()) {
     config.utcAtStartMs = *start;
   } else {

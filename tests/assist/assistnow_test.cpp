@@ -62,8 +62,9 @@ TEST_F(AssistNowTest, OfflineDataStartsWithTheFirstConfiguration) {
   lib_GPS_ConfigureAssistance(&gps_private_info);
   const auto frames = receiver_.DrainFrames();
   ASSERT_EQ(Kinds(frames), (std::vector<std::pair<int, int>>{{0x06, 0x01}, {0x0B, 0x32}}));
-  EXPECT_EQ(frames[0].substr(6, 8), std::string("\x0B\x32\x01\0\0\0\0\0", 8)) << "AID-ALPSRV on, first port";
-  EXPECT_EQ(frames[0].substr(14), "\x4D\x5F");
+  // The engine enables it on DDC; the driver carries the rate to the line's port (UART1).
+  EXPECT_EQ(frames[0].substr(6, 8), std::string("\x0B\x32\x01\x01\0\0\0\0", 8)) << "AID-ALPSRV on, DDC and UART1";
+  EXPECT_EQ(frames[0].substr(14), "\x4E\x64");
   const std::string& first = frames[1];
   EXPECT_EQ(first.size(), 108u);
   EXPECT_EQ(first.substr(6, 12), std::string("\x10\x01\0\0\x2A\0\xCA\xFE\x54\0\0\0", 12));

@@ -42,8 +42,11 @@ void WriteOptionalParameters(const TempRoot& root, const std::string& ini) {
 SimulatedReceiver::SimulatedReceiver(const TempRoot& root, sim::EmbeddedOptions options,
                                      const std::string& optionalIni) {
   const RawPty pty = OpenRawPty();
+  // The simulator's port, as a real receiver's would be set; a UART talks at 9600.
+  if (options.port != 3 && options.lineBaud == 0) options.lineBaud = 9600;
   std::ofstream(root / "platform.ini") << "[platform]\nmodule_type = 2\n[gps]\ndevice = " << pty.slave
-                                       << "\nbaud = 9600\n";
+                                       << "\nbaud = " << (options.port == 3 ? 9600 : options.lineBaud)
+                                       << "\nport = " << (options.port == 3 ? "usb" : "uart1") << "\n";
   if (!optionalIni.empty()) WriteOptionalParameters(root, optionalIni);
   platform::ReloadRoot();
   options.startPowered = true;

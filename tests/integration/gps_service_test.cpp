@@ -35,7 +35,7 @@ constexpr int32_t kNotPowered = -3000005;
 class GpsService : public testing::Test {
  protected:
   void SetUp() override {
-    std::ofstream(root_ / "platform.ini") << "[sim]\nttff_ms = 300\n[log]\ntarget = stderr\n";
+    std::ofstream(root_ / "platform.ini") << "[gps]\ndevice = sim\n[sim]\nttff_ms = 300\n[log]\ntarget = stderr\n";
     gps::platform::ReloadRoot();
   }
   void Start() {
@@ -111,7 +111,7 @@ TEST_F(GpsService, PowerFixStandbyWakeupAndRestart) {
 
   Kill();
   // A slower first fix this time, so that the first answers come before it.
-  std::ofstream(root_ / "platform.ini") << "[sim]\nttff_ms = 1500\n[log]\ntarget = stderr\n";
+  std::ofstream(root_ / "platform.ini") << "[gps]\ndevice = sim\n[sim]\nttff_ms = 1500\n[log]\ntarget = stderr\n";
   Start();
   EXPECT_EQ(Ask(response), 0) << "on before the first request";
   EXPECT_TRUE(response.parameters().poweron() && response.parameters().keepon());

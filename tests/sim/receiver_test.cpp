@@ -57,8 +57,8 @@ TEST(SimReceiver, NoFixBeforeTtffThenFix) {
 
 TEST(SimReceiver, CfgMsgSwitchesUbxOutputOnAndNmeaOff) {
   Receiver r = MakeTestReceiver();
-  for (uint8_t id : {0x07, 0x03, 0x06, 0x30}) Send(r, Frame(0x06, 0x01, {0x01, id, 1, 0, 0, 0, 0, 0}));  // NAV
-  Send(r, Frame(0x06, 0x01, {0x0A, 0x09, 1, 0, 0, 0, 0, 0}));                                            // MON-HW
+  for (uint8_t id : {0x07, 0x03, 0x06, 0x30}) Send(r, Frame(0x06, 0x01, {0x01, id, 0, 0, 0, 1, 0, 0}));  // NAV, USB
+  Send(r, Frame(0x06, 0x01, {0x0A, 0x09, 0, 0, 0, 1, 0, 0}));                                            // MON-HW
   Send(r, Frame(0x06, 0x01, {0xF0, 0x03, 0, 0, 0, 0, 0, 0}));                                            // GSV off
 
   Output out = RunUntil(r, 4000);
@@ -164,7 +164,7 @@ TEST(SimReceiver, PowerSaveModeTakesTheStoredPeriod) {
 
 TEST(SimReceiver, ColdStartDropsTheFixAndTheMessageConfiguration) {
   Receiver r = MakeTestReceiver();
-  Send(r, Frame(0x06, 0x01, {0x01, 0x07, 1, 0, 0, 0, 0, 0}));  // NAV-PVT on
+  Send(r, Frame(0x06, 0x01, {0x01, 0x07, 0, 0, 0, 1, 0, 0}));  // NAV-PVT on, USB
   RunUntil(r, 5000);
   ASSERT_TRUE(r.hasFix());
   const Output reset = Send(r, Bytes{0xB5, 0x62, 0x06, 0x04, 0x04, 0x00, 0xFF, 0xFF, 0x02, 0x00, 0x0E, 0x61});
@@ -176,23 +176,117 @@ TEST(SimReceiver, ColdStartDropsTheFixAndTheMessageConfiguration) {
   EXPECT_TRUE(after.Frames(0x01, 0x07).empty()) << "UBX output back to its default: off";
 }
 
-TEST(SimReceiver, BackupRequestSilencesUntilAByteArrives) {
-  struct Case {
+// Backup ends only by a wake-up source of the port: UART RX activity on a
+// UART when the 16-byte request names it, nothing over USB.
+TEST(SimReceiver, BackupWakesOnlyByTheWakeUpSourcesOfItsPort) {
+  const Bytes kUartRx = {0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0, 0, 0, 0x08, 0, 0, 0};
+  const Bytes kExtInt0 = {0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0, 0, 0, 0x20, 0, 0, 0};
+  const Bytes kNoSource = {0, 0, 0, 0, 0x02, 0, 0, 0};
+  const struct {
     const char* legend;
+    uint8_t port;
     Bytes payload;
+    bool wakes;
   } cases[] = {
-      {"8-byte request, as the driver sends it", {0, 0, 0, 0, 0x02, 0, 0, 0}},
-      {"16-byte request, wake-up on the line", {0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0, 0, 0, 0x08, 0, 0, 0}},
+      {"UART1, UART RX a wake-up source", 1, kUartRx, true},
+      {"UART1, only EXTINT0", 1, kExtInt0, false},
+      {"UART1, 8-byte request (no source)", 1, kNoSource, false},
+      {"USB, UART RX named", 3, kUartRx, false},
+      {"USB, 8-byte request", 3, kNoSource, false},
   };
-  for (const Case& c : cases) {
-    Receiver r = MakeTestReceiver();
+  for (const auto& c : cases) {
+    ReceiverConfig config;
+    config.port = c.port;
+    Receiver r = MakeTestReceiver(config);
     RunUntil(r, 4000);
     EXPECT_TRUE(Send(r, Frame(0x02, 0x41, c.payload)).ubx.empty()) << c.legend << ": no acknowledgement";
     EXPECT_TRUE(RunUntil(r, 30000).nmea.empty()) << c.legend;
     // The byte that wakes the receiver is lost, and with it the frame it began.
     EXPECT_TRUE(Send(r, kMonVerPoll).ubx.empty()) << c.legend;
+    EXPECT_EQ(Send(r, kMonVerPoll).Frames(0x0A, 0x04).size(), c.wakes ? 1u : 0u) << c.legend;
+    EXPECT_EQ(Column(RunUntil(r, 34000).Sentences("GGA"), 6), c.wakes ? "0011" : "") << c.legend;
+    // Only a power cycle brings back a receiver that nothing wakes.
+    r.SetPowered(false);
+    r.SetPowered(true);
     EXPECT_EQ(Send(r, kMonVerPoll).Frames(0x0A, 0x04).size(), 1u) << c.legend;
-    EXPECT_EQ(Column(RunUntil(r, 34000).Sentences("GGA"), 6), "0011") << c.legend << ": acquisition starts afresh";
+  }
+}
+
+// A message comes out only at the rate of the host's port: the 8-rate form
+// sets each port, the 3-rate form the port it came on.
+TEST(SimReceiver, MessagesComeOutOnlyOnThePortsTheyAreEnabledFor) {
+  const struct {
+    const char* legend;
+    uint8_t port;
+    Bytes payload;
+    bool pvt;
+  } cases[] = {
+      {"USB, DDC only", 3, {0x01, 0x07, 1, 0, 0, 0, 0, 0}, false},
+      {"USB, USB", 3, {0x01, 0x07, 0, 0, 0, 1, 0, 0}, true},
+      {"UART1, USB only", 1, {0x01, 0x07, 0, 0, 0, 1, 0, 0}, false},
+      {"UART1, UART1", 1, {0x01, 0x07, 0, 1, 0, 0, 0, 0}, true},
+      {"UART1, 3-rate form", 1, {0x01, 0x07, 1}, true},
+      {"USB, 3-rate form", 3, {0x01, 0x07, 1}, true},
+  };
+  for (const auto& c : cases) {
+    ReceiverConfig config;
+    config.port = c.port;
+    Receiver r = MakeTestReceiver(config);
+    EXPECT_EQ(Send(r, Frame(0x06, 0x01, c.payload)).Frames(0x05, 0x01).size(), 1u) << c.legend;
+    EXPECT_EQ(RunUntil(r, 3000).Frames(0x01, 0x07).empty(), !c.pvt) << c.legend;
+  }
+  // The 3-rate form leaves the other ports as they were.
+  Receiver r = MakeTestReceiver();
+  Send(r, Frame(0x06, 0x01, {0x01, 0x07, 0, 1, 0, 0, 0, 0}));
+  Send(r, Frame(0x06, 0x01, {0x01, 0x07, 2}));
+  EXPECT_EQ(Send(r, Frame(0x06, 0x01, {0x01, 0x07})).Last(0x06, 0x01), (Bytes{0x01, 0x07, 0, 1, 0, 2, 0, 0}));
+}
+
+// CFG-PRT output masks decide what the port carries, the input mask whether
+// UBX commands are heard; a receiver left in UBX-only output writes no NMEA.
+TEST(SimReceiver, PortProtocolMasksGateOutputAndInput) {
+  const auto prt = [](uint8_t port, uint16_t in, uint16_t out) {
+    return Frame(0x06, 0x00, {port, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(in), 0,
+                              static_cast<uint8_t>(out), 0, 0, 0, 0, 0});
+  };
+  ReceiverConfig ubxOnly;
+  ubxOnly.ubxOnly = true;
+  Receiver r = MakeTestReceiver(ubxOnly);
+  EXPECT_TRUE(RunUntil(r, 2000).nmea.empty()) << "UBX only";
+  const Output poll = Send(r, Frame(0x06, 0x00, {3}));
+  EXPECT_EQ(poll.Last(0x06, 0x00), (Bytes{3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x07, 0, 0x01, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(Send(r, prt(1, 7, 3)).Frames(0x05, 0x01).size(), 1u);
+  EXPECT_TRUE(RunUntil(r, 4000).nmea.empty()) << "another port's mask changes nothing here";
+  EXPECT_EQ(Send(r, prt(3, 7, 3)).Frames(0x05, 0x01).size(), 1u);
+  EXPECT_FALSE(RunUntil(r, 6000).Sentences("GGA").empty()) << "NMEA on";
+
+  EXPECT_TRUE(Send(r, prt(3, 7, 2)).ubx.empty()) << "NMEA only: not even the acknowledgement";
+  EXPECT_TRUE(Send(r, kMonVerPoll).ubx.empty());
+  EXPECT_FALSE(RunUntil(r, 8000).nmea.empty());
+  EXPECT_EQ(Send(r, prt(3, 2, 3)).Frames(0x05, 0x01).size(), 1u) << "acknowledged on the new configuration";
+  EXPECT_TRUE(Send(r, kMonVerPoll).ubx.empty()) << "UBX input off: commands are not heard";
+}
+
+// GNSS stop and start keep the interface and the configuration; the resets
+// that reboot the receiver bring its defaults back.
+TEST(SimReceiver, ResetModesStopStartOrReboot) {
+  Receiver r = MakeTestReceiver();
+  Send(r, Frame(0x06, 0x01, {0x01, 0x07, 0, 0, 0, 1, 0, 0}));
+  RunUntil(r, 5000);
+  ASSERT_TRUE(r.hasFix());
+  Send(r, Frame(0x06, 0x04, {0, 0, 0x08, 0}));
+  const Output stopped = RunUntil(r, 10000);
+  EXPECT_TRUE(stopped.nmea.empty() && stopped.ubx.empty()) << "no epochs with GNSS stopped";
+  EXPECT_EQ(Send(r, kMonVerPoll).Frames(0x0A, 0x04).size(), 1u) << "the interface still answers";
+  Send(r, Frame(0x06, 0x04, {0, 0, 0x09, 0}));
+  const Output started = RunUntil(r, 14000);
+  EXPECT_EQ(Column(started.Sentences("GGA"), 6), "0011") << "a fresh acquisition";
+  EXPECT_EQ(started.Frames(0x01, 0x07).size(), 4u) << "the configuration stays";
+
+  for (const uint8_t mode : {0x00, 0x01, 0x04}) {
+    Send(r, Frame(0x06, 0x01, {0x01, 0x07, 0, 0, 0, 1, 0, 0}));
+    Send(r, Frame(0x06, 0x04, {0, 0, mode, 0}));
+    EXPECT_TRUE(RunUntil(r, r.nowMs() + 3000).Frames(0x01, 0x07).empty()) << "reset mode " << int(mode);
   }
 }
 
@@ -247,7 +341,7 @@ Receiver StartAssisted() {
   config.ttffMs = 20000;
   config.alpData = kAlpFile;
   Receiver r = MakeTestReceiver(config);
-  Send(r, Frame(0x06, 0x01, {0x0B, 0x32, 1, 0, 0, 0, 0, 0}));
+  Send(r, Frame(0x06, 0x01, {0x0B, 0x32, 0, 0, 0, 1, 0, 0}));
   Bytes first = {0x10, 0x01, 0x00, 0x00, 0x2A, 0x00, 0xCA, 0xFE, 84, 0, 0, 0, 0, 0, 0, 0};
   first.insert(first.end(), kAlpFile.begin(), kAlpFile.begin() + 84);
   Send(r, Frame(0x0B, 0x32, first));

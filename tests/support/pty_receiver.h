@@ -3,8 +3,11 @@
 // reads what the engine sent from the master side and can answer through it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/test_env.h"
@@ -20,8 +23,10 @@ RawPty OpenRawPty();
 
 class PtyReceiver {
  public:
-  // Writes $ROOT/platform.ini naming the slave as the u-blox device.
-  explicit PtyReceiver(const TempRoot& root, int moduleType = 2);
+  // Writes $ROOT/platform.ini naming the slave as the u-blox device. One that
+  // `answers` acknowledges CFG-PRT and answers MON-VER polls at once, as a
+  // receiver does when the driver switches it on.
+  explicit PtyReceiver(const TempRoot& root, int moduleType = 2, bool answers = false);
   ~PtyReceiver();
   PtyReceiver(const PtyReceiver&) = delete;
   PtyReceiver& operator=(const PtyReceiver&) = delete;
@@ -34,8 +39,13 @@ class PtyReceiver {
   void Send(const std::string& bytes);
 
  private:
+  void Answer();
   int master_ = -1;
   std::string slave_;
+  std::thread answerer_;
+  std::atomic<bool> stop_{false};
+  std::mutex mutex_;
+  std::string inbox_;  // what the answering thread read and the test has not drained
 };
 
 // Splits a byte string into whole UBX frames.
