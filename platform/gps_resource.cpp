@@ -131,6 +131,7 @@ class Resource {
   bool watching_ = false;
   Clock::time_point nextReopen_{};
 
+  gps::platform::DropReport drops_;
   std::array<uint8_t, kPendingBytes> pending_{};
   size_t pendingBytes_ = 0;
   Clock::time_point lastByte_{};
@@ -323,7 +324,9 @@ void Resource::Deliver(gps_device_data_t& block) {
     Sys_log(7, "GPS resource: passing on %zu bytes of a message that stopped arriving", n);
   }
   std::memcpy(block.data, pending_.data(), n);
-  block.length = static_cast<uint32_t>(n);
+  gps::platform::DroppedMessages dropped;
+  block.length = static_cast<uint32_t>(gps::platform::DropCorruptMessages({block.data, n}, dropped));
+  drops_.Add(dropped);
   std::memmove(pending_.data(), pending_.data() + n, pendingBytes_ - n);
   pendingBytes_ -= n;
   SignalReady(gps::platform::WholeMessagesPrefix(pending.first(pendingBytes_), GPS_DEVICE_DATA_BYTES) > 0);
