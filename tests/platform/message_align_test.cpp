@@ -104,18 +104,28 @@ TEST(MessageAlign, DropsAreReportedAtMostOnceAMinute) {
   const auto start = DropReport::Clock::now();
   report.Add({}, start);
   EXPECT_TRUE(log.lines().empty()) << "nothing dropped, nothing said";
-  report.Add({2, 1}, start);
-  report.Add({1, 0}, start + std::chrono::seconds(30));
-  report.Add({}, start + std::chrono::seconds(59));
-  report.Add({}, start + std::chrono::seconds(60));
-  report.Add({}, start + std::chrono::seconds(200));
-  report.Add({0, 1}, start + std::chrono::seconds(201));
-  const std::vector<std::string> expected = {
+  const struct {
+    int seconds;
+    DroppedMessages dropped;
+    size_t lines;  // reports said so far
+  } steps[] = {
+      {0, {2, 1}, 1},   // the first drop is said at once
+      {30, {1, 0}, 1},  // within the minute: summed
+      {59, {}, 1},
+      {60, {}, 2},  // a minute after the report: said with no new drop
+      {200, {}, 2},
+      {201, {0, 1}, 3},
+  };
+  for (const auto& step : steps) {
+    report.Add(step.dropped, start + std::chrono::seconds(step.seconds));
+    EXPECT_EQ(log.linesAt(4).size(), step.lines) << "at " << step.seconds << " s";
+  }
+  const std::vector<std::string> said = {
       "GPS resource: dropped 3 corrupt messages in the last minute (2 NMEA, 1 UBX)",
       "GPS resource: dropped 1 corrupt message in the last minute (1 NMEA, 0 UBX)",
       "GPS resource: dropped 1 corrupt message in the last minute (0 NMEA, 1 UBX)",
   };
-  EXPECT_EQ(log.linesAt(4), expected);
+  EXPECT_EQ(log.linesAt(4), said);
 }
 
 }  // namespace

@@ -233,7 +233,7 @@ TEST(ReplayTool, CorruptMessagesGiveNoFixAndAreCounted) {
   };
   const std::string lostLineEnd = gga("083559.00", "499.6");
   std::string flipped = gga("083601.00", "499.8");
-  flipped[flipped.find("499.8") + 2] ^= 0x01;  // 499.8 -> 489.8, with the old checksum
+  flipped[flipped.find("499.8") + 2] ^= 0x01;  // 499.8 -> 498.8, with the old checksum
   std::string frame = gps::test::UbxFrame(0x01, 0x07, std::string(92, '\x01'));
   frame[30] ^= 0x10;
   const std::string stream = gps::sim::NmeaGenerator::Sentence(
