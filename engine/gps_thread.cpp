@@ -184,6 +184,14 @@ void SendTransparentFrame(gps_private_info_t* infos, gps_message_t* frame) {
   if (frame->type == MESSAGE_TYPE_UBLOX) lib_GPS_ubx_AnalyzeMessage(infos, frame, "TX");
 }
 
+// Forwarding stays wanted while its device is missing: said once, and the
+// device is tried again each second.
+void LoseTransparentDevice(EngineThread& thread, const char* name) {
+  if (!thread.forwarding || thread.transparentAway) return;
+  Sys_log(3, "lib_GPS_thread: TRANSPARENT device [%s] is gone; trying it again once a second", name);
+  thread.transparentAway = true;
+}
+
 void ServeTransparentDevice(EngineThread& thread, gps_private_info_t* infos) {
   lib_GPS_Trace(4, "gps_private_info.com_transp_handle SET");
   int32_t total = 0;
@@ -216,10 +224,7 @@ void ServeTransparentDevice(EngineThread& thread, gps_private_info_t* infos) {
     SetTransparentHandle(infos, handle);
     Sys_log(3, "lib_GPS_patch: re-opened TRANSPARENT device [%s]=>%d", name, handle);
   }
-  if (handle == -1 && thread.forwarding) {
-    Sys_log(3, "lib_GPS_thread: TRANSPARENT device [%s] is gone; trying it again once a second", name);
-    thread.transparentAway = true;
-  }
+  if (handle == -1) LoseTransparentDevice(thread, name);
 }
 
 // While forwarding is wanted and its device is missing, one open a second.
@@ -422,7 +427,9 @@ void RunPass(EngineThread& thread, gps_private_info_t* infos) {
     if (receiverFd >= 0 && i == 0 && !ubx) LoseReceiver(thread, infos, false);
     if (transparentFd != -1 && i == transparentSlot && infos->com_transp_handle == transparentFd) {
       SetTransparentHandle(infos, -1);
-      thread.transparentAway = thread.forwarding;
+      char name[sizeof infos->transparent_device];
+      TransparentName(infos, name);
+      LoseTransparentDevice(thread, name);
     }
     ready = -1;
     errno = EBADF;
