@@ -11,9 +11,9 @@
 
 int lib_GPS_OpenDevice(gps_private_info_t* infos) {
   if (lib_GPS_IsUbxModule(infos->module_type)) return lib_GPS_ubx_OpenResource(infos);
-  // Waits until the modem software has created its channel.
+  // One attempt; the engine thread retries while the modem software is away.
   const int fd = PTY_Open(infos->module_device[0] != '\0' ? infos->module_device : nullptr);
-  if (fd > 0) {
+  if (fd >= 0) {
     infos->com_gps = static_cast<uint32_t>(fd);
     return 0;
   }

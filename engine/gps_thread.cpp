@@ -23,6 +23,8 @@ constexpr uint32_t kReadBytes = 2176;
 constexpr int32_t kTransparentReadBytes = 1024;
 constexpr int kWaitMs = 1000;
 constexpr uint32_t kVersionPollTicks = 200;
+// A channel that hung up or failed is tried again at most this often.
+constexpr uint32_t kReopenTicks = 100;
 // A wait that fails returns at once; this keeps a failing descriptor from
 // turning the loop into a spin.
 constexpr useconds_t kFailedWaitPauseUs = 100000;
@@ -72,6 +74,14 @@ struct EngineThread {
   gps_message_t transparentFrame;
   uint8_t buffer[kReadBytes];
   bool forwarding;
+  // The modem's channel hung up, failed or was not there: out of the wait,
+  // opened again at most once a second.
+  bool receiverAway;
+  uint32_t receiverTryTick;
+  // The transparent device went away while forwarding is wanted: tried again
+  // at most once a second.
+  bool transparentAway;
+  uint32_t transparentTryTick;
 };
 
 uint32_t ReadLocked(const uint32_t& field) {
@@ -111,6 +121,44 @@ void PollVersionUntilConfigured(gps_private_info_t* infos) {
   }
 }
 
+// The modem's channel hung up (the modem software exited or restarts) or
+// failed: it leaves the wait, so a descriptor that reports the hang-up at
+// every wait cannot keep the thread spinning, and it is opened again once a
+// second. Said once per loss.
+void LoseReceiver(EngineThread& thread, gps_private_info_t* infos, bool descriptorValid) {
+  lib_GPS_Trace(3, "lib_GPS_thread: receiver channel closed by the modem; reopening it once a second.");
+  if (descriptorValid) {
+    lib_GPS_CloseDevice(infos);
+  } else {
+    infos->com_gps = GPS_INVALID_HANDLE;  // not ours to close any more: the number may be reused
+  }
+  thread.receiverAway = true;
+  thread.receiverTryTick = OS_rtc_GetTickCounter();
+}
+
+void RetryReceiver(EngineThread& thread, gps_private_info_t* infos) {
+  if (!thread.receiverAway) return;
+  const uint32_t now = OS_rtc_GetTickCounter();
+  if (now - thread.receiverTryTick < kReopenTicks) return;
+  thread.receiverTryTick = now;
+  if (lib_GPS_OpenDevice(infos) != 0) return;
+  thread.receiverAway = false;
+  lib_GPS_Trace(4, "lib_GPS_thread: receiver channel is back.");
+  // A modem that restarted has its receiver stopped.
+  if (ReadLocked(infos->power_state) != 0) lib_GPS_ChangePowerState(infos, 1);
+}
+
+// Bytes the modem sends while its receiver is off are not wanted; left
+// unread they would wake every wait.
+void DiscardReceiverBytes(EngineThread& thread, gps_private_info_t* infos) {
+  const ssize_t n = read(static_cast<int>(infos->com_gps), thread.buffer, kReadBytes);
+  if (n > 0) {
+    lib_GPS_Trace(7, "lib_GPS_thread: %d bytes from the receiver while it is off, dropped", static_cast<int>(n));
+  } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+    LoseReceiver(thread, infos, true);
+  }
+}
+
 void ServeReceiver(EngineThread& thread, gps_private_info_t* infos) {
   lib_GPS_Trace(7, "READ on com_gps_handle : %d", static_cast<int>(infos->com_gps));
   const int count = lib_GPS_ReadDevice(infos, thread.buffer, kReadBytes);
@@ -123,12 +171,8 @@ void ServeReceiver(EngineThread& thread, gps_private_info_t* infos) {
     PollVersionUntilConfigured(infos);
   } else if (!lib_GPS_IsUbxModule(infos->module_type) && (count == 0 || errno == EIO)) {
     // The modem software closed its end of the channel (it stopped or is
-    // restarting): wait for the channel to come back and resume the receiver.
-    lib_GPS_Trace(3, "lib_GPS_thread: receiver channel closed by the modem; reopening it.");
-    lib_GPS_CloseDevice(infos);
-    lib_GPS_OpenDevice(infos);
-    if (infos->com_gps != GPS_INVALID_HANDLE && ReadLocked(infos->power_state) != 0)
-      lib_GPS_ChangePowerState(infos, 1);
+    // restarting): the channel is opened again when it comes back.
+    LoseReceiver(thread, infos, true);
   }
 }
 
@@ -138,6 +182,14 @@ void SendTransparentFrame(gps_private_info_t* infos, gps_message_t* frame) {
   lib_GPS_TraceHex(7, frame->length, frame->buffer, 1);
   if (lib_GPS_LoggingEnabled(infos)) lib_GPS_LogModuleTraces(infos, frame->buffer, frame->length);
   if (frame->type == MESSAGE_TYPE_UBLOX) lib_GPS_ubx_AnalyzeMessage(infos, frame, "TX");
+}
+
+// Forwarding stays wanted while its device is missing: said once, and the
+// device is tried again each second.
+void LoseTransparentDevice(EngineThread& thread, const char* name) {
+  if (!thread.forwarding || thread.transparentAway) return;
+  Sys_log(3, "lib_GPS_thread: TRANSPARENT device [%s] is gone; trying it again once a second", name);
+  thread.transparentAway = true;
 }
 
 void ServeTransparentDevice(EngineThread& thread, gps_private_info_t* infos) {
@@ -162,9 +214,36 @@ void ServeTransparentDevice(EngineThread& thread, gps_private_info_t* infos) {
   lib_GPS_Trace(3, "selected() com_transp_handle recv() 0, device closed().");
   char name[sizeof infos->transparent_device];
   TransparentName(infos, name);
+  // Reopened at once, unless it was opened less than a second ago: a device
+  // that hangs up as soon as it opens must not keep the thread busy.
+  const uint32_t now = OS_rtc_GetTickCounter();
+  int32_t handle = -1;
+  if (now - thread.transparentTryTick >= kReopenTicks) {
+    thread.transparentTryTick = now;
+    handle = DgprsSerOpen(name);
+    SetTransparentHandle(infos, handle);
+    Sys_log(3, "lib_GPS_patch: re-opened TRANSPARENT device [%s]=>%d", name, handle);
+  }
+  if (handle == -1) LoseTransparentDevice(thread, name);
+}
+
+// While forwarding is wanted and its device is missing, one open a second.
+void RetryTransparentDevice(EngineThread& thread, gps_private_info_t* infos) {
+  if (!thread.transparentAway) return;
+  char name[sizeof infos->transparent_device];
+  TransparentName(infos, name);
+  if (!thread.forwarding || name[0] == '\0' || infos->com_transp_handle != -1) {
+    thread.transparentAway = false;
+    return;
+  }
+  const uint32_t now = OS_rtc_GetTickCounter();
+  if (now - thread.transparentTryTick < kReopenTicks) return;
+  thread.transparentTryTick = now;
   const int32_t handle = DgprsSerOpen(name);
+  if (handle == -1) return;
   SetTransparentHandle(infos, handle);
-  Sys_log(3, "lib_GPS_patch: re-opened TRANSPARENT device [%s]=>%d", name, handle);
+  thread.transparentAway = false;
+  Sys_log(4, "lib_GPS_thread: TRANSPARENT device [%s] is back=>%d", name, handle);
 }
 
 void HandlePower(EngineThread& thread, gps_private_info_t* infos) {
@@ -185,8 +264,10 @@ void HandleForwardDevice(EngineThread& thread, gps_private_info_t* infos) {
   if (infos->transparent_device[0] == '\0') {
     if (infos->com_transp_handle != -1) DgprsSerClose(&infos->com_transp_handle);
     thread.forwarding = false;
+    thread.transparentAway = false;
   } else if (infos->com_transp_handle == -1) {
     const int32_t handle = DgprsSerOpen(infos->transparent_device);
+    thread.transparentTryTick = OS_rtc_GetTickCounter();
     if (handle != -1) {
       infos->com_transp_handle = handle;
       thread.forwarding = true;
@@ -198,18 +279,24 @@ void HandleForwardDevice(EngineThread& thread, gps_private_info_t* infos) {
   lib_GPS_Unlock();
 }
 
-void HandleModuleDevice(gps_private_info_t* infos) {
+void HandleModuleDevice(EngineThread& thread, gps_private_info_t* infos) {
   lib_GPS_Lock();
-  const bool reopen = infos->module_device[0] != '\0' && infos->com_gps != GPS_INVALID_HANDLE;
-  if (infos->com_gps != GPS_INVALID_HANDLE) {
+  // A receiver that is away counts as open: the new name is the one to wait for.
+  const bool open = infos->com_gps != GPS_INVALID_HANDLE || thread.receiverAway;
+  const bool reopen = infos->module_device[0] != '\0' && open;
+  if (open) {
     if (reopen) infos->power_state = 0;
-    lib_GPS_CloseDevice(infos);
+    if (infos->com_gps != GPS_INVALID_HANDLE) lib_GPS_CloseDevice(infos);
   }
   lib_GPS_Unlock();
+  thread.receiverAway = false;
   if (!reopen) return;
-  // Opening the modem's channel waits until it exists, so it is done without
-  // the lock: callers are not held up by a device that is not there yet.
-  lib_GPS_OpenDevice(infos);
+  // Opened without the lock: callers are not held up by the open.
+  if (lib_GPS_OpenDevice(infos) != 0 && !lib_GPS_IsUbxModule(infos->module_type)) {
+    lib_GPS_Trace(3, "lib_GPS_thread: receiver channel not there yet; trying it once a second.");
+    thread.receiverAway = true;
+    thread.receiverTryTick = OS_rtc_GetTickCounter();
+  }
   lib_GPS_ResetInfosLocked(infos);
 }
 
@@ -277,7 +364,7 @@ void HandleChannel(EngineThread& thread, gps_private_info_t* infos, Channel chan
       break;
     case kModuleDevice:
       ClearEvent(fd);
-      HandleModuleDevice(infos);
+      HandleModuleDevice(thread, infos);
       break;
     case kAntOffRequest:
       lib_GPS_Trace(7, "lib_GPS_thread: received antOffPolarityRequestValue_eventfd.");
@@ -305,9 +392,19 @@ void Start(EngineThread& thread, gps_private_info_t* infos) {
   SetTransparentHandle(infos, handle);
   if (name[0] != '\0') Sys_log(4, "lib_GPS_thread: TRANSPARENT device is [%s]=>%d", name, handle);
   thread.forwarding = handle != -1;
+  thread.transparentAway = false;
+  thread.transparentTryTick = OS_rtc_GetTickCounter();
+  // The modem software may not have created its channel yet.
+  thread.receiverAway = !lib_GPS_IsUbxModule(infos->module_type) && infos->com_gps == GPS_INVALID_HANDLE;
+  thread.receiverTryTick = OS_rtc_GetTickCounter();
 }
 
+bool HungUp(const pollfd& slot) { return (slot.revents & (POLLHUP | POLLERR)) != 0; }
+
 void RunPass(EngineThread& thread, gps_private_info_t* infos) {
+  RetryReceiver(thread, infos);
+  RetryTransparentDevice(thread, infos);
+
   pollfd slots[kChannelCount + 2];
   nfds_t used = 0;
   const int receiverFd = lib_GPS_DeviceWaitDescriptor(infos);
@@ -322,11 +419,20 @@ void RunPass(EngineThread& thread, gps_private_info_t* infos) {
   // FD_SETSIZE. A descriptor that is no longer valid fails the wait, as it would
   // with select.
   int ready = poll(slots, used, kWaitMs);
+  const bool ubx = lib_GPS_IsUbxModule(infos->module_type);
   for (nfds_t i = 0; ready > 0 && i < used; ++i) {
-    if (slots[i].revents & POLLNVAL) {
-      ready = -1;
-      errno = EBADF;
+    if (!(slots[i].revents & POLLNVAL)) continue;
+    // A descriptor closed behind the thread's back leaves the wait; the
+    // channel it stood for is opened again like one that hung up.
+    if (receiverFd >= 0 && i == 0 && !ubx) LoseReceiver(thread, infos, false);
+    if (transparentFd != -1 && i == transparentSlot && infos->com_transp_handle == transparentFd) {
+      SetTransparentHandle(infos, -1);
+      char name[sizeof infos->transparent_device];
+      TransparentName(infos, name);
+      LoseTransparentDevice(thread, name);
     }
+    ready = -1;
+    errno = EBADF;
   }
   if (ready < 0) {
     char name[sizeof infos->transparent_device];
@@ -345,9 +451,14 @@ void RunPass(EngineThread& thread, gps_private_info_t* infos) {
   // been told to run: it is read only when the wait found data on it, so that
   // a pending power request is never stuck behind a read.
   const bool receiverReadable = receiverFd >= 0 && Readable(slots[0]);
-  if (ReadLocked(infos->power_state) != 0 && infos->com_gps != GPS_INVALID_HANDLE &&
-      (lib_GPS_IsUbxModule(infos->module_type) || receiverReadable))
+  const bool powered = ReadLocked(infos->power_state) != 0;
+  if (!ubx && receiverFd >= 0 && HungUp(slots[0]) && !(slots[0].revents & POLLIN)) {
+    LoseReceiver(thread, infos, true);
+  } else if (powered && infos->com_gps != GPS_INVALID_HANDLE && (ubx || receiverReadable)) {
     ServeReceiver(thread, infos);
+  } else if (!ubx && receiverReadable) {
+    DiscardReceiverBytes(thread, infos);
+  }
 
   if (transparentFd != -1 && Readable(slots[transparentSlot]) && infos->com_transp_handle == transparentFd)
     ServeTransparentDevice(thread, infos);

@@ -1,7 +1,9 @@
 // Fuzz target for the receive path: arbitrary receiver bytes, cut into chunks
 // the way a driver might deliver them, go through analyze_gps (framer, NMEA
 // parser, UBX analysis) of a freshly reset engine record. The message-aligned
-// splitter that the u-blox driver uses is checked on the same bytes.
+// splitter that the u-blox driver uses is checked on the same bytes, and its
+// message-aligned chunks go through the driver's corruption check before the
+// engine sees them, as they do in the driver.
 //
 // Input layout (missing header bytes count as zero):
 //   [0]     bit 0, module type: 0 -> 2 (u-blox UBX-M8030, framing restarts
@@ -12,8 +14,8 @@
 // and size are served from it); the receiver itself stays closed, so answers
 // and configuration frames are built but not written anywhere.
 //   [1]     chunk plan, modulo 3: 0 fixed size, 1 pseudo-random sizes up to
-//           the limit, 2 message-aligned (WholeMessagesPrefix, as the u-blox
-//           driver reads)
+//           the limit, 2 message-aligned (WholeMessagesPrefix, then
+//           DropCorruptMessages, as the u-blox driver reads)
 //   [2..3]  little-endian; chunk limit = 1 + value % 2176
 //   [4]     clock step: every read of the tick counter moves it on by 4 x
 //           this many ticks, so large steps reach the once-a-minute store of
@@ -131,6 +133,21 @@ void Feed(std::span<const uint8_t> chunk) {
   analyze_gps(&gps_private_info, &g_frame, chunk.data(), static_cast<uint32_t>(chunk.size()));
 }
 
+// The driver's check on a chunk: what it keeps is never more than it got, and
+// every byte removed belongs to a message it counted.
+void FeedChecked(std::span<const uint8_t> chunk, size_t limit) {
+  static uint8_t copy[gps::platform::kMaxDeviceChunk];
+  std::memcpy(copy, chunk.data(), chunk.size());
+  gps::platform::DroppedMessages dropped;
+  const size_t kept = gps::platform::DropCorruptMessages({copy, chunk.size()}, dropped, limit);
+  if (kept > chunk.size() || (kept < chunk.size()) != (dropped.total() > 0)) {
+    std::fprintf(stderr, "DropCorruptMessages: kept %zu of %zu bytes, dropped %u\n", kept, chunk.size(),
+                 dropped.total());
+    __builtin_trap();
+  }
+  Feed({copy, kept});
+}
+
 // Reads back what an application would ask for after the stream, with each
 // stale-fix policy, so the fields the parser filled are copied out too.
 void QueryFix() {
@@ -197,7 +214,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       if (n == 0) n = limit;  // the stream ends inside a message: deliver the rest
     }
     if (n > rest.size()) n = rest.size();
-    Feed(rest.first(n));
+    if (plan == 2 && moduleType != kGprsModuleType) {
+      FeedChecked(rest.first(n), limit);
+    } else {
+      Feed(rest.first(n));
+    }
     used += n;
   }
 

@@ -75,13 +75,20 @@ void analyze_gps_nmea_message(gps_private_info_t* infos, gps_message_t* message)
 }
 
 // $GPVTG,77.52,T,,M,0.004,N,0.008,K,A*06
+// A VTG of NMEA 2.x ends after the km/h unit, without the mode field
+// ($GPVTG,77.52,T,,M,0.004,N,0.008,K*4B): it is read as mode 'A' when both
+// speeds are present, and as 'N' (course and speed not taken) otherwise.
 void analyze_gps_message_gxvtg(gps_private_info_t* infos, char** tokens, int count) {
   const uint32_t tick = OS_rtc_GetTickCounter();
   lib_GPS_Trace(7, "analyze_gps_message_gxvtg");
   lib_GPS_Lock();
   infos->vtg_tick = tick;
-  if (count > 8) {
-    infos->vtg_mode = tokens[8][0];
+  if (count >= 8) {
+    if (count > 8) {
+      infos->vtg_mode = tokens[8][0];
+    } else {
+      infos->vtg_mode = tokens[4][0] != '\0' && tokens[6][0] != '\0' ? 'A' : 'N';
+    }
     if (infos->vtg_mode != 'N') {
       infos->course_speed_tick = tick;
       lib_GPS_CopyField(infos->course_true, sizeof infos->course_true, tokens[0]);
@@ -100,6 +107,8 @@ void analyze_gps_message_gxvtg(gps_private_info_t* infos, char** tokens, int cou
 }
 
 // $GNGGA,171926.00,4404.14063,N,12118.85478,W,1,12,0.91,1147.2,M,-21.3,M,,*44
+// The time keeps whole seconds only: "083559.000" (more than two decimals)
+// gives "08h35m59s" like "083559.00".
 void analyze_gps_message_gxgga(gps_private_info_t* infos, char** tokens, int count) {
   Sys_log(7, "analyze_gps_message_gxgga.");
   const uint32_t tick = OS_rtc_GetTickCounter();
@@ -114,6 +123,8 @@ void analyze_gps_message_gxgga(gps_private_info_t* infos, char** tokens, int cou
       infos->fix_tick = tick;
       lib_GPS_CopyField(infos->time, sizeof infos->time, tokens[0]);
       lib_GPS_util_FormatNmeaTime(infos->time);
+      constexpr size_t kFormattedTimeChars = 9;  // HHhMMmSSs
+      std::memset(infos->time + kFormattedTimeChars, 0, sizeof infos->time - kFormattedTimeChars);
       ComposeCoordinate(infos->latitude, tokens[1], tokens[2]);
       lib_GPS_Trace(7, "infos->latitude: %s", infos->latitude);
       ComposeCoordinate(infos->longitude, tokens[3], tokens[4]);
@@ -140,6 +151,8 @@ void analyze_gps_message_gxgga(gps_private_info_t* infos, char** tokens, int cou
 void analyze_gps_message_gxgsa(gps_private_info_t*, char**, int) { lib_GPS_Trace(7, "analyze_gps_message_gxgsa"); }
 
 // $GPGSV,4,1,13,01,53,280,36,03,29,301,24,04,55,223,37,08,38,166,16*7C
+// Only message number 1 starts a group; messages 10 to 19 continue one. PRNs
+// outside 1 to 64 are counted but stored in no table.
 void analyze_gps_message_gxgsv(gps_private_info_t* infos, char** tokens, int count) {
   lib_GPS_Trace(7, "analyze_gps_message_gxgsv");
   if (count < 3) return;
@@ -190,9 +203,14 @@ void analyze_gps_message_gxtxt(gps_private_info_t* infos, char** tokens, int cou
 }
 
 // $GNRMC,171926.00,A,4404.14063,N,12118.85478,W,0.117,,180315,,,A*76
+// A receiver without time yet sends the date empty: only a date of six digits
+// (ddmmyy) replaces the known one.
 void analyze_gps_message_gxrmc(gps_private_info_t* infos, char** tokens, int count) {
   lib_GPS_Trace(7, "analyze_gps_message_gxrmc");
   if (count <= 8) return;
+  for (int i = 0; i < 6; ++i) {
+    if (tokens[8][i] < '0' || tokens[8][i] > '9') return;
+  }
   lib_GPS_Lock();
   lib_GPS_CopyField(infos->date, sizeof infos->date, tokens[8]);
   lib_GPS_util_FormatNmeaDate(infos->date);

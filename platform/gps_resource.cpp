@@ -167,6 +167,7 @@ class Resource {
   Clock::time_point nextSetup_{};
   Clock::duration setupRetry_{};  // zero until a set-up fails
 
+  gps::platform::DropReport drops_;
   std::array<uint8_t, kPendingBytes> pending_{};
   size_t pendingBytes_ = 0;
   Clock::time_point lastByte_{};
@@ -436,7 +437,9 @@ void Resource::Deliver(gps_device_data_t& block) {
     Sys_log(7, "GPS resource: passing on %zu bytes of a message that stopped arriving", n);
   }
   std::memcpy(block.data, pending_.data(), n);
-  block.length = static_cast<uint32_t>(n);
+  gps::platform::DroppedMessages dropped;
+  block.length = static_cast<uint32_t>(gps::platform::DropCorruptMessages({block.data, n}, dropped));
+  drops_.Add(dropped);
   std::memmove(pending_.data(), pending_.data() + n, pendingBytes_ - n);
   pendingBytes_ -= n;
   SignalReady(gps::platform::WholeMessagesPrefix(pending.first(pendingBytes_), GPS_DEVICE_DATA_BYTES) > 0);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/os.h"
+
 namespace gps::platform {
 namespace {
 
@@ -55,7 +57,103 @@ Unit MeasureUnit(std::span<const uint8_t> bytes, size_t window, size_t& length) 
   return Unit::Complete;
 }
 
+int HexValue(uint8_t c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+bool IsUpper(uint8_t c) { return c >= 'A' && c <= 'Z'; }
+
+// `unit` runs from a "$" to the next line feed. It is taken for a sentence
+// when it has an address of capitals and digits ended by "," or "*", or when
+// its bytes 3 to 5, where the parser reads the sentence type, are capitals
+// (a flipped talker byte). Binary data of other protocols that happens to hold
+// a "$" and a line feed is neither: it is passed on like any byte that belongs
+// to no message, and the parser finds no sentence type in it.
+bool LooksLikeSentence(std::span<const uint8_t> unit) {
+  size_t i = 1;
+  while (i < unit.size() && (IsUpper(unit[i]) || (unit[i] >= '0' && unit[i] <= '9'))) ++i;
+  if (i > 1 && i < unit.size() && (unit[i] == ',' || unit[i] == '*')) return true;
+  return unit.size() > 6 && IsUpper(unit[3]) && IsUpper(unit[4]) && IsUpper(unit[5]);
+}
+
+// `sentence` runs from its "$" to its line feed and holds no other "$".
+bool NmeaChecksumHolds(std::span<const uint8_t> sentence) {
+  const auto* star = static_cast<const uint8_t*>(std::memchr(sentence.data(), '*', sentence.size()));
+  if (!star) return true;
+  const size_t at = static_cast<size_t>(star - sentence.data());
+  uint8_t sum = 0;
+  for (size_t i = 1; i < at; ++i) sum ^= sentence[i];
+  const auto tail = sentence.subspan(at + 1);
+  if (tail.size() < 3) return false;
+  const int high = HexValue(tail[0]);
+  const int low = HexValue(tail[1]);
+  if (high < 0 || low < 0 || (high << 4 | low) != sum) return false;
+  // Only the line end may follow the checksum.
+  return (tail.size() == 3 && tail[2] == '\n') || (tail.size() == 4 && tail[2] == '\r' && tail[3] == '\n');
+}
+
+// `frame` is a whole UBX frame, sync bytes to checksum.
+bool UbxFrameIsSound(std::span<const uint8_t> frame) {
+  uint8_t a = 0, b = 0;
+  for (size_t i = 2; i + 2 < frame.size(); ++i) {
+    a = static_cast<uint8_t>(a + frame[i]);
+    b = static_cast<uint8_t>(b + a);
+  }
+  return frame[frame.size() - 2] == a && frame[frame.size() - 1] == b;
+}
+
 }  // namespace
+
+size_t DropCorruptMessages(std::span<uint8_t> chunk, DroppedMessages& dropped, size_t limit) {
+  size_t kept = 0;
+  size_t at = 0;
+  while (at < chunk.size()) {
+    const std::span<const uint8_t> rest = chunk.subspan(at);
+    size_t length = rest.size();
+    // What does not measure whole (a tail the driver passed on because it
+    // stopped arriving) goes on unchecked, like a message cut in pieces.
+    if (MeasureUnit(rest, limit, length) == Unit::Incomplete) length = rest.size();
+    const auto unit = rest.first(length);
+    bool sound = true;
+    if (unit[0] == kNmeaStart && unit.back() == '\n' && LooksLikeSentence(unit)) {
+      const auto* next = static_cast<const uint8_t*>(std::memchr(unit.data() + 1, kNmeaStart, unit.size() - 1));
+      if (next) {
+        // A sentence that lost its line end ran into the next one: what comes
+        // before the next "$" goes, and the next sentence is checked on its own.
+        length = static_cast<size_t>(next - unit.data());
+        sound = false;
+      } else {
+        sound = NmeaChecksumHolds(unit);
+      }
+      if (!sound) ++dropped.nmea;
+    } else if (unit.size() >= kUbxOverhead && unit[0] == kUbxSync1 && unit[1] == kUbxSync2 &&
+               unit.size() == kUbxOverhead + (unit[4] | (static_cast<size_t>(unit[5]) << 8))) {
+      sound = UbxFrameIsSound(unit);
+      if (!sound) ++dropped.ubx;
+    }
+    if (sound) {
+      if (kept != at) std::memmove(chunk.data() + kept, chunk.data() + at, length);
+      kept += length;
+    }
+    at += length;
+  }
+  return kept;
+}
+
+void DropReport::Add(const DroppedMessages& dropped, Clock::time_point now) {
+  unreported_.nmea += dropped.nmea;
+  unreported_.ubx += dropped.ubx;
+  if (unreported_.total() == 0 || (reported_ && now - lastReport_ < kInterval)) return;
+  const uint32_t total = unreported_.total();
+  Sys_log(4, "GPS resource: dropped %u corrupt %s in the last minute (%u NMEA, %u UBX)", total,
+          total == 1 ? "message" : "messages", unreported_.nmea, unreported_.ubx);
+  unreported_ = {};
+  reported_ = true;
+  lastReport_ = now;
+}
 
 size_t WholeMessagesPrefix(std::span<const uint8_t> bytes, size_t limit) {
   if (limit == 0) return 0;

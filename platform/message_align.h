@@ -5,6 +5,7 @@
 // to no message.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -21,5 +22,44 @@ inline constexpr size_t kMaxDeviceChunk = 2176;
 // Returns 0 only when `bytes` starts with an incomplete message that may still
 // complete; the caller then waits for more bytes.
 size_t WholeMessagesPrefix(std::span<const uint8_t> bytes, size_t limit = kMaxDeviceChunk);
+
+// Messages removed from the stream because a line lost or flipped bytes.
+struct DroppedMessages {
+  uint32_t nmea = 0;
+  uint32_t ubx = 0;
+  uint32_t total() const { return nmea + ubx; }
+};
+
+// Removes, in place, the corrupt messages of a chunk that ends on message
+// boundaries (a WholeMessagesPrefix), so the engine never analyses them:
+//   - an NMEA sentence whose "*hh" does not match the exclusive-or of the bytes
+//     between "$" and "*", or whose "*" is not followed by two hexadecimal
+//     digits and the line end. A sentence without "*" passes: older receivers
+//     send no checksum;
+//   - the part of a sentence up to a second "$": a sentence that lost its line
+//     end and ran into the next one, which is then checked on its own;
+//   - a UBX frame whose two checksum bytes do not match its class, id, length
+//     and payload.
+// A message passed on in pieces (longer than any chunk) cannot be checked and
+// passes, as do bytes that belong to no message, including binary data of
+// other protocols that holds a "$" (see LooksLikeSentence in the source).
+// Returns the chunk's new length; adds what it removed to `dropped`.
+size_t DropCorruptMessages(std::span<uint8_t> chunk, DroppedMessages& dropped, size_t limit = kMaxDeviceChunk);
+
+// Says at level 4 how many corrupt messages were dropped, at most once a
+// minute: the first drop at once, later ones summed until a minute has passed
+// since the last report.
+class DropReport {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr auto kInterval = std::chrono::minutes(1);
+
+  void Add(const DroppedMessages& dropped, Clock::time_point now = Clock::now());
+
+ private:
+  DroppedMessages unreported_;
+  bool reported_ = false;
+  Clock::time_point lastReport_{};
+};
 
 }  // namespace gps::platform

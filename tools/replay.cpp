@@ -1,5 +1,6 @@
 #include "tools/replay.h"
 
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -156,6 +157,14 @@ struct Replay {
     analyze_gps(&gps_private_info, &frame, chunk.data(), static_cast<uint32_t>(chunk.size()));
   }
 
+  // A message-aligned chunk goes through the driver's corruption check first.
+  void FeedChecked(std::span<const uint8_t> chunk) {
+    std::memcpy(checked.data(), chunk.data(), chunk.size());
+    const size_t kept = platform::DropCorruptMessages({checked.data(), chunk.size()}, dropped);
+    totals.bytes += chunk.size() - kept;
+    Feed({checked.data(), kept});
+  }
+
   // Hands the pending bytes to the engine as the driver would: whole messages
   // for the u-blox types, raw reads of at most one chunk for the modem.
   // Returns how many bytes were consumed.
@@ -170,7 +179,11 @@ struct Replay {
         if (!endOfInput) break;
         n = std::min(rest.size(), platform::kMaxDeviceChunk);  // the stream ends inside a message
       }
-      Feed(rest.first(n));
+      if (ublox) {
+        FeedChecked(rest.first(n));
+      } else {
+        Feed(rest.first(n));
+      }
       used += n;
     }
     return used;
@@ -239,6 +252,8 @@ struct Replay {
     json.Number("bytes", totals.bytes);
     json.Number("nmea", totals.nmea);
     json.Number("ubx", totals.ubx);
+    json.Number("dropped_nmea", dropped.nmea);
+    json.Number("dropped_ubx", dropped.ubx);
     json.Number("sat_view_count", infos.sat_view_count);
     json.Key("satellites");
     json.Raw("[");
@@ -287,6 +302,8 @@ struct Replay {
   }
 
   gps_message_t frame;
+  std::array<uint8_t, platform::kMaxDeviceChunk> checked{};
+  platform::DroppedMessages dropped;
   std::map<uint32_t, uint64_t> ubxCounts;  // (class << 8 | id) -> frames
   bool inHeader = true;      // still in the leading '#' lines of a file
   bool skippingLine = false; // inside one of them

@@ -47,10 +47,13 @@ void DiscardResponse(int fd, uint32_t length) {
 }  // namespace
 
 int PTY_OpenDevice(const char* path) {
-  int fd = -1;
-  while ((fd = open(path, O_RDWR | O_NOCTTY | O_CLOEXEC)) < 0) {
-    lib_GPS_Trace(7, "Wait %s availability", path);
-    sleep(1);
+  // One attempt: the modem software may be away for long (it exits, it
+  // restarts), and the engine thread that opens the channel must keep serving
+  // its requests meanwhile; it tries again once a second.
+  const int fd = open(path, O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) {
+    lib_GPS_Trace(7, "PTY_OpenDevice: %s not available (%s)", path, std::strerror(errno));
+    return -1;
   }
   termios settings{};
   if (tcgetattr(fd, &settings) == 0) {

@@ -16,7 +16,8 @@ inline constexpr const char* PTY_DEFAULT_DEVICE = "/tmp/gps_dgprs";
 inline constexpr int PTY_RESPONSE_TIMEOUT_MS = 5000;
 
 // Opens `path` as given, or the default channel below the platform root when
-// path is null; waits (logging once a second) until it exists.
+// path is null, in raw mode. One attempt: -1 (errno set) while the modem
+// software has not created the channel; the caller tries again later.
 int PTY_Open(const char* path);
 int PTY_OpenDevice(const char* path);
 // Status of the modem's response, or -1. `buffer` carries dataLength bytes to

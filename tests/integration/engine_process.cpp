@@ -34,6 +34,23 @@ void InEngineProcess(const std::function<void()>& body, std::chrono::seconds lim
     EXPECT_EQ(WEXITSTATUS(status), 0) << "the engine process reported failures (above)";
 }
 
+std::chrono::nanoseconds EngineThreadCpuTime() {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(task.path() / "comm");
+    std::string name;
+    std::getline(comm, name);
+    if (name != "gps-engine") continue;
+    const auto tid = static_cast<unsigned>(std::stoul(task.path().filename().string()));
+    // The kernel's encoding of a thread's CPU clock (scheduler time).
+    const auto clock = static_cast<clockid_t>((~tid << 3) | 6);
+    timespec t{};
+    if (clock_gettime(clock, &t) != 0) break;
+    return std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec);
+  }
+  ADD_FAILURE() << "no engine thread in this process";
+  return {};
+}
+
 void WriteOptionalParameters(const TempRoot& root, const std::string& ini) {
   std::filesystem::create_directories(root / "home/LEGACY_FS/HOST");
   std::ofstream(root / "home/LEGACY_FS/HOST/GPS_optional_parameters.ini") << ini;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
@@ -32,6 +33,10 @@ struct SimulatedReceiver {
 };
 
 void WriteOptionalParameters(const TempRoot& root, const std::string& ini);
+
+// CPU time the engine thread ("gps-engine") of this process has used so far,
+// from its own CPU clock.
+std::chrono::nanoseconds EngineThreadCpuTime();
 
 // Polls `done` every 10 ms until it holds or `limit` passes.
 template <typename Done>

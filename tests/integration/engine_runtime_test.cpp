@@ -5,13 +5,16 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include "engine/gps_events.h"
 #include "engine/gps_geolocating.h"
 #include "param/gps_parameters.h"
 #include "platform/root.h"
 #include "sim/modem_channel.h"
+#include "sim/nmea_generator.h"
 #include "tests/integration/engine_process.h"
 #include "tests/sim/sim_test_support.h"
 #include "tests/support/pty_receiver.h"
@@ -248,26 +251,41 @@ TEST(EngineControl, ModuleTraceHoldsTheTrafficWhileLoggingIsOn) {
   });
 }
 
+// Reads the tool's side of the transparent device until a GGA sentence came.
+bool ToolReceivesSentences(int master) {
+  std::string received;
+  return WaitFor([&] {
+    char buffer[4096];
+    const ssize_t n = read(master, buffer, sizeof buffer);
+    if (n > 0) received.append(buffer, static_cast<size_t>(n));
+    return received.find("GGA,") != std::string::npos;
+  });
+}
+
+int LinesStartingWith(const gps::test::LogCapture& log, const std::string& start) {
+  int n = 0;
+  for (const auto& line : log.lines()) n += line.rfind(start, 0) == 0;
+  return n;
+}
+
 // The transparent device: bytes from the receiver reach the tool, frames from
-// the tool reach the receiver, and the tool going away is survived.
-TEST(EngineControl, TransparentDeviceForwardsBothWaysAndSurvivesTheToolLeaving) {
+// the tool reach the receiver, and the tool going away is survived: its
+// device is tried again each second until it is back.
+TEST(EngineControl, TransparentDeviceForwardsBothWaysAndComesBackAfterTheToolLeft) {
   gps::test::TempRoot root;
   InEngineProcess([&] {
     // The engine thread logs until the process ends, so the capture must not
     // end before it.
     auto& log = *new gps::test::LogCapture;
+    // The device name fits its 15 characters as a link relative to the
+    // working directory; the link is pointed at the tool's next terminal.
+    ASSERT_EQ(chdir(root.path().c_str()), 0);
     const gps::test::RawPty tool = gps::test::OpenRawPty();
-    SimulatedReceiver sim(root, QuickFix(), "[Expertise]\ntransparent = " + tool.slave + "\n");
+    std::filesystem::create_symlink(tool.slave, root / "tool");
+    SimulatedReceiver sim(root, QuickFix(), "[Expertise]\ntransparent = tool\n");
     gps_dll_init();
     lib_GPS_Geolocating_GPS_SetPower(1);
-
-    std::string received;
-    ASSERT_TRUE(WaitFor([&] {
-      char buffer[4096];
-      const ssize_t n = read(tool.master, buffer, sizeof buffer);
-      if (n > 0) received.append(buffer, static_cast<size_t>(n));
-      return received.find("GGA,") != std::string::npos;
-    })) << "receiver traffic on the tool's side";
+    ASSERT_TRUE(ToolReceivesSentences(tool.master)) << "receiver traffic on the tool's side";
 
     const auto poll = gps::sim::testing::Frame(0x06, 0x01, {0x01, 0x07});  // CFG-MSG poll of NAV-PVT
     ASSERT_EQ(write(tool.master, poll.data(), poll.size()), static_cast<ssize_t>(poll.size()));
@@ -277,12 +295,77 @@ TEST(EngineControl, TransparentDeviceForwardsBothWaysAndSurvivesTheToolLeaving) 
       return false;
     })) << "the tool's frame reaches the receiver";
 
+    // The tool leaves and its terminal with it (the link would otherwise name
+    // whatever terminal takes the number next).
     close(tool.master);
+    std::filesystem::remove(root / "tool");
     EXPECT_TRUE(WaitFor([&] { return log.contains("[GPS] selected() com_transp_handle recv() 0, device closed()."); }));
+    const std::string gone = "lib_GPS_thread: TRANSPARENT device [tool] is gone; trying it again once a second";
+    ASSERT_TRUE(WaitFor([&] { return log.contains(gone); })) << "its one reopen failed";
     uint32_t period = 0;
     EXPECT_EQ(lib_GPS_Geolocating_GPS_GetFixUpdatePeriodInms(&period), 0) << "the engine thread still serves";
     EXPECT_EQ(lib_GPS_Geolocating_GPS_SetTransparentDevice("/dev/a-name-too-long"),
               GEOLOCATING_GPS_ERROR_INVALID_PARAMETER);
+
+    std::this_thread::sleep_for(2500ms);  // a few failed tries, said nowhere
+    const gps::test::RawPty next = gps::test::OpenRawPty();
+    std::filesystem::create_symlink(next.slave, root / "tool");
+    EXPECT_TRUE(ToolReceivesSentences(next.master)) << "forwarding resumes on the device that came back";
+    EXPECT_EQ(log.count(gone), 1);
+    EXPECT_EQ(LinesStartingWith(log, "lib_GPS_thread: TRANSPARENT device [tool] is back=>"), 1);
+  });
+}
+
+// The modem software exits while its receiver is off: the channel that hung
+// up leaves the wait, so the engine thread idles instead of spinning, keeps
+// serving its requests, and opens the channel again once the modem is back.
+TEST(EngineControl, GprsChannelHangUpLeavesTheEngineIdleAndServing) {
+  gps::test::TempRoot root;
+  InEngineProcess([&] {
+    std::ofstream(root / "platform.ini") << "[platform]\nmodule_type = 0\n";
+    gps::platform::ReloadRoot();
+    std::filesystem::create_directories(root / "tmp");
+    const auto startModem = [&] {
+      const gps::test::RawPty pty = gps::test::OpenRawPty();
+      std::filesystem::remove(root / "tmp/gps_dgprs");
+      std::filesystem::create_symlink(pty.slave, root / "tmp/gps_dgprs");
+      gps::sim::ModemConfig config;
+      config.fixPeriodMs = 200;
+      config.ttffMs = 0;
+      auto modem = std::make_unique<gps::sim::ModemChannel>(
+          pty.master, gps::sim::ModemGps(config, gps::sim::Scenario::FixedPoint({-33.8688, 151.2093, 20})));
+      std::string error;
+      EXPECT_TRUE(modem->Start(&error)) << error;
+      return modem;
+    };
+    auto modem = startModem();
+    gps_dll_init();
+    std::this_thread::sleep_for(200ms);
+    // The modem software exits: its end of the channel hangs up, and its link
+    // goes (a stale link could name another program's terminal).
+    modem.reset();
+    std::filesystem::remove(root / "tmp/gps_dgprs");
+    std::this_thread::sleep_for(200ms);
+
+    const auto cpuBefore = gps::test::EngineThreadCpuTime();
+    const auto wallBefore = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(5s);
+    const auto cpu = gps::test::EngineThreadCpuTime() - cpuBefore;
+    const auto wall = std::chrono::steady_clock::now() - wallBefore;
+    std::printf("engine thread CPU with the channel hung up: %.3f ms over %.1f s (%.3f %% of a core)\n",
+                std::chrono::duration<double, std::milli>(cpu).count(), std::chrono::duration<double>(wall).count(),
+                100.0 * std::chrono::duration<double>(cpu).count() / std::chrono::duration<double>(wall).count());
+    EXPECT_LT(cpu * 100, wall) << "under 1 % of a core";
+
+    lib_GPS_Geolocating_GPS_SetPower(1);
+    EXPECT_TRUE(WaitFor([] {
+      pollfd request{CHANGE_POWER_STATE_eventfd, POLLIN, 0};
+      return poll(&request, 1, 0) == 0;
+    }, 2s)) << "the power request is taken while the modem is away";
+
+    modem = startModem();
+    EXPECT_TRUE(WaitFor([] { return GetPosition(GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX).result == 0; }))
+        << "the channel is opened again and the receiver run as requested";
   });
 }
 
@@ -306,8 +389,13 @@ TEST(EngineControl, GprsModemReceiverIsRunFromItsCommandChannel) {
     ASSERT_TRUE(modem.Start(&error)) << error;
 
     gps_dll_init();
-    lib_GPS_Geolocating_GPS_SetPower(1);
+    // Power through the stored power-on parameter: the engine takes the
+    // requested state from it.
+    EXPECT_EQ(lib_GPS_Geolocating_GPS_SetPowerOnParameter(1), 0);
     ASSERT_TRUE(WaitFor([] { return GetPosition(GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX).result == 0; }));
+    uint32_t on = 0;
+    lib_GPS_Geolocating_GPS_GetPower(&on);
+    EXPECT_EQ(on, 1u);
     const Position fix = GetPosition(GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX);
     EXPECT_EQ(std::string(fix.latitude).substr(0, 4), "3352") << fix.latitude;
     EXPECT_EQ(std::string(fix.latitude).back(), 'S');
@@ -321,6 +409,54 @@ TEST(EngineControl, GprsModemReceiverIsRunFromItsCommandChannel) {
     lib_GPS_Geolocating_GPS_SetPower(0);
     EXPECT_TRUE(WaitFor([&] { return !modem.running(); })) << "stopped";
     EXPECT_EQ(modem.ReceivedCommands(), (std::vector<uint32_t>{0x812C, 0x812D, 0x812E}));
+
+    // Another channel by name: the engine leaves the first one for it.
+    const gps::test::RawPty other = gps::test::OpenRawPty();
+    gps::sim::ModemChannel second(other.master,
+                                  gps::sim::ModemGps(config, gps::sim::Scenario::FixedPoint({48.8566, 2.3522, 35})));
+    ASSERT_TRUE(second.Start(&error)) << error;
+    ASSERT_EQ(lib_GPS_Geolocating_GPS_SetModuleDevice(other.slave.c_str()), 0);
+    ASSERT_TRUE(WaitFor([] {
+      pollfd request{CHANGE_MODULE_DEVICE_eventfd, POLLIN, 0};
+      return poll(&request, 1, 0) == 0;
+    }));
+    std::this_thread::sleep_for(200ms);  // the switch ends with the receiver off: power it after
+    lib_GPS_Geolocating_GPS_SetPower(1);
+    EXPECT_TRUE(WaitFor([] {
+      const Position p = GetPosition(GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX);
+      return p.result == 0 && std::string(p.latitude).substr(0, 4) == "4851";
+    })) << "fixes from the second modem";
+    EXPECT_EQ(second.ReceivedCommands(), (std::vector<uint32_t>{0x812C, 0x812D}));
+    EXPECT_EQ(modem.commandCount(), 3u) << "nothing more on the first channel";
+  });
+}
+
+// A receiver that sends sentences but never answers the version poll is
+// asked again at its next data once more than 200 ticks have passed.
+TEST(EngineControl, VersionPollIsRepeatedAfter200TicksOfTraffic) {
+  gps::test::TempRoot root;
+  InEngineProcess([&] {
+    gps::test::PtyReceiver receiver(root);
+    gps::test::ManualTicks ticks;
+    gps_dll_init();
+    const int onMessage = eventfd(0, EFD_NONBLOCK);
+    lib_GPS_Geolocating_GPS_AddEventListener(static_cast<uint16_t>(onMessage), GPS_EVENT_MESSAGE);
+    lib_GPS_Geolocating_GPS_SetPower(1);
+    const std::string sentence = gps::sim::NmeaGenerator::Txt("GP", 2, "ANTSTATUS=OK");
+    const auto exchange = [&] {
+      EXPECT_TRUE(WaitFor([&] {
+        receiver.Send(sentence);
+        return WaitFor([&] { return Signalled(onMessage); }, 100ms);
+      })) << "the engine analyses the sentence";
+      int polls = 0;
+      for (const auto& f : receiver.DrainFrames(200)) polls += f[2] == 0x0A && f[3] == 0x04 && f.size() == 8;
+      return polls;
+    };
+    EXPECT_EQ(exchange(), 1) << "the first data brings the poll";
+    ticks.advance(200);
+    EXPECT_EQ(exchange(), 0) << "200 ticks are not more than 200";
+    ticks.advance(1);
+    EXPECT_EQ(exchange(), 1) << "201 ticks are";
   });
 }
 

@@ -4,9 +4,11 @@
 
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include "engine/gps_geolocating.h"
 #include "engine/gps_private_info.h"
 #include "param/gps_parameters.h"
 #include "tests/support/test_env.h"
@@ -95,12 +97,15 @@ TEST_F(NmeaParserTest, ShortSentencesChangeOnlyTheirReceptionTick) {
 }
 
 TEST_F(NmeaParserTest, OverlongFieldsAreCutToTheirField) {
+  FeedReceiver("$GPGGA,120000.00,1111.11111,N,02222.22222,E,1,05,1.2,10.0,M,1.0,M,,*00\r\n");
+  ticks_.advance(100);  // the next fix is not stored: last_fix_store_tick keeps its value
   const std::string lat(40, '1');
-  FeedReceiver("$GPGGA,120000.00," + lat + ",N,02222.22222,E,1,05," + std::string(30, '9') +
-               ",10.0,M,1.0,M,,*00\r\n");
+  FeedReceiver("$GPGGA,120000.00," + lat + ",N,02222.22222,E,1,05," + std::string(30, '9') + "," +
+               std::string(40, '8') + ",M,1.0,M,,*00\r\n");
   EXPECT_EQ(Field(infos_.latitude), std::string(14, '1') + "N");
   EXPECT_EQ(Field(infos_.hdop), std::string(15, '9'));
-  EXPECT_EQ(infos_.altitude[15], '\0');
+  EXPECT_EQ(Field(infos_.altitude), std::string(15, '8'));
+  EXPECT_EQ(infos_.last_fix_store_tick, 100000u) << "the field after the altitude is untouched";
 }
 
 TEST_F(NmeaParserTest, VtgModeDecidesWhetherCourseAndSpeedAreTaken) {
@@ -166,11 +171,53 @@ TEST_F(NmeaParserTest, GsvEdgeGroups) {
   EXPECT_EQ(infos_.sat_view_tick, 100000u) << "an incomplete group is never published";
 
   ticks_.advance(100);
+  // The record holds the date and the HDOP right after the PRN 33-64 table,
+  // where a PRN 65 entry would land.
+  FeedReceiver("$GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,230915,,,A*57\r\n");
+  FeedReceiver("$GPGGA,120000.00,1111.11111,N,02222.22222,E,1,05,1.2,10.0,M,1.0,M,,*00\r\n");
   FeedReceiver("$GLGSV,1,1,02,65,37,078,27,33,04,018,20*6E\r\n");
   EXPECT_EQ(infos_.sat_view_count, 2u) << "PRN 65 is counted";
   EXPECT_EQ(infos_.sat_prn_33_64[0].prn, 33u);
   EXPECT_EQ(infos_.sat_prn_33_64[0].tick, 100200u);
   for (const auto& sat : infos_.sat_prn_1_32) EXPECT_EQ(sat.tick, 0u) << "PRN 65 is stored nowhere";
+  EXPECT_EQ(Field(infos_.date), "23/09/2015") << "nothing written beyond the table";
+  EXPECT_EQ(Field(infos_.hdop), "1.2") << "nothing written beyond the table";
+}
+
+// Sentences of older receivers or of a receiver without time yet: what each
+// keeps or makes of its fields.
+TEST_F(NmeaParserTest, EdgesOfOlderReceiversAndEarlySentences) {
+  const std::string knownDate = "$GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,230915,,,A*57\r\n";
+  const std::string gsvStart = "$GPGSV,12,1,45,01,53,280,36,03,29,301,24,04,55,223,37,08,38,166,16*00\r\n";
+  const struct {
+    const char* legend;
+    std::vector<std::string> sentences;
+    std::function<std::string()> read;
+    std::string expected;
+  } cases[] = {
+      {"GSV message 10 continues the group it belongs to",
+       {gsvStart, "$GPGSV,12,10,45,11,40,245,29,12,05,034,,14,43,055,30,17,06,324,*00\r\n"},
+       [this] { return std::to_string(infos_.gsv_sats_collected); }, "8"},
+      {"GSV message 1 starts the group again", {gsvStart, gsvStart},
+       [this] { return std::to_string(infos_.gsv_sats_collected); }, "4"},
+      {"RMC with an empty date keeps the known date",
+       {knownDate, "$GPRMC,083600.00,V,,,,,,,,,,N*00\r\n"}, [this] { return Field(infos_.date); }, "23/09/2015"},
+      {"RMC with a short date keeps the known date", {knownDate, "$GPRMC,083600.00,A,,,,,,,2309,,,A*00\r\n"},
+       [this] { return Field(infos_.date); }, "23/09/2015"},
+      {"VTG of NMEA 2.x with its speeds is mode A", {"$GPVTG,77.52,T,,M,0.004,N,0.008,K*4B\r\n"},
+       [this] { return std::string(1, infos_.vtg_mode) + " " + Field(infos_.speed_kmh); }, "A 0.008"},
+      {"VTG of NMEA 2.x without speeds is mode N", {"$GPVTG,,T,,M,,N,,K*4B\r\n"},
+       [this] { return std::string(1, infos_.vtg_mode) + " " + std::to_string(infos_.course_speed_tick); }, "N 0"},
+      {"time with three decimals", {"$GPGGA,083559.000,1111.11111,N,02222.22222,E,1,05,1.2,10.0,M,1.0,M,,*00\r\n"},
+       [this] { return Field(infos_.time); }, "08h35m59s"},
+      {"time without decimals", {"$GPGGA,083559,1111.11111,N,02222.22222,E,1,05,1.2,10.0,M,1.0,M,,*00\r\n"},
+       [this] { return Field(infos_.time); }, "08h35m59s"},
+  };
+  for (const auto& c : cases) {
+    gps::test::ResetEngine(2);
+    for (const auto& sentence : c.sentences) FeedReceiver(sentence);
+    EXPECT_EQ(c.read(), c.expected) << c.legend;
+  }
 }
 
 TEST_F(NmeaParserTest, GsvAnnouncingMoreThanStagingHoldsStopsCollecting) {
@@ -190,13 +237,20 @@ TEST_F(NmeaParserTest, RmcDateTtffAndModuleReset) {
   FeedReceiver("$GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,010100,,,A*57\r\n");
   EXPECT_EQ(Field(infos_.date), "01/01/2000");
 
-  uint32_t ttff = 0;
+  // As an application reads it: the NAV-STATUS payload, ttff at offset 8.
+  const auto ttff = [] {
+    uint8_t status[sizeof gps_private_info.nav_status] = {};
+    uint32_t tick = 1;
+    EXPECT_EQ(lib_GPS_Geolocating_GPS_GetTTFF(status, &tick), 0);
+    EXPECT_EQ(tick, 0u) << "the sentence is no NAV-STATUS: its reception tick stays";
+    uint32_t value = 0;
+    std::memcpy(&value, status + 8, 4);
+    return value;
+  };
   FeedReceiver("$GPTTFF,12,34*00\r\n");
-  std::memcpy(&ttff, infos_.nav_status + 8, 4);
-  EXPECT_EQ(ttff, 34u);
+  EXPECT_EQ(ttff(), 34u);
   FeedReceiver("$GPTTFF,12,*00\r\n");
-  std::memcpy(&ttff, infos_.nav_status + 8, 4);
-  EXPECT_EQ(ttff, 0u);
+  EXPECT_EQ(ttff(), 0u);
 
   const int fd = eventfd(0, EFD_NONBLOCK);
   gps_private_info.listeners[0] = {static_cast<uint16_t>(fd), GPS_EVENT_MODULE_RESET};

@@ -11,6 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "sim/nmea_generator.h"
+#include "tests/support/message_recorder.h"
+#include "tests/support/test_env.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -104,6 +108,8 @@ TEST_P(ReplayGolden, FixesAgreeWithIndependentDecoder) {
   const auto lines = JsonLines(output);
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines.back()["event"], "summary");
+  EXPECT_EQ(lines.back()["dropped_nmea"], 0) << "every sentence of a real capture is sound";
+  EXPECT_EQ(lines.back()["dropped_ubx"], 0) << "every frame of a real capture is sound";
 
   int fixes = 0;
   int unreported = 0;
@@ -215,6 +221,38 @@ TEST(ReplayTool, NeoM8nFromStandardInputQuietOrNot) {
   }
   const auto quiet = RunCommand(std::string(GPS_REPLAY_BINARY) + " --quiet '" + capture.string() + "' 2>/dev/null");
   EXPECT_EQ(quiet.first, output.substr(output.rfind("{\"event\""))) << "--quiet prints the same summary alone";
+}
+
+// What a UART does to a stream: one GGA loses its line end and runs into the
+// next, another has a byte flipped, and so has a NAV-PVT frame. None of them
+// becomes a fix; the sound sentence after the lost line end still does.
+TEST(ReplayTool, CorruptMessagesGiveNoFixAndAreCounted) {
+  const auto gga = [](const char* time, const char* altitude) {
+    return gps::sim::NmeaGenerator::Sentence(std::string("GPGGA,") + time +
+                                             ",4717.11437,N,00833.91522,E,1,08,0.9," + altitude + ",M,48.0,M,,");
+  };
+  const std::string lostLineEnd = gga("083559.00", "499.6");
+  std::string flipped = gga("083601.00", "499.8");
+  flipped[flipped.find("499.8") + 2] ^= 0x01;  // 499.8 -> 498.8, with the old checksum
+  std::string frame = gps::test::UbxFrame(0x01, 0x07, std::string(92, '\x01'));
+  frame[30] ^= 0x10;
+  const std::string stream = gps::sim::NmeaGenerator::Sentence(
+                                 "GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,230915,,,A") +
+                             lostLineEnd.substr(0, lostLineEnd.size() - 2) + gga("083600.00", "499.7") + flipped +
+                             frame + gga("083602.00", "499.9");
+  gps::test::TempRoot root;
+  std::ofstream(root / "corrupt.log", std::ios::binary) << stream;
+  const auto [output, status] =
+      RunCommand(std::string(GPS_REPLAY_BINARY) + " --summary '" + (root / "corrupt.log") + "' 2>/dev/null");
+  ASSERT_EQ(status, 0);
+  std::vector<std::string> fixes;
+  for (const auto& line : JsonLines(output))
+    if (line["event"] == "fix") fixes.push_back(line["time"].get<std::string>() + " " + line["altitude"].get<std::string>());
+  EXPECT_EQ(fixes, (std::vector<std::string>{"08h36m00s 499.7", "08h36m02s 499.9"}));
+  EXPECT_EQ(output.find("nav_pvt"), std::string::npos) << "the flipped NAV-PVT reaches nobody";
+  const json summary = JsonLines(output).back();
+  EXPECT_EQ(summary["dropped_nmea"], 2);
+  EXPECT_EQ(summary["dropped_ubx"], 1);
 }
 
 TEST(ReplayTool, MissingFileIsNamedAndExitsWithTwo) {
