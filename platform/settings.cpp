@@ -99,7 +99,6 @@ std::string KnownNames(std::string_view section) {
 // first line of any other form makes the file unusable.
 std::string CheckLines(const std::string& file, const std::string& text) {
   std::string section;
-  bool knownSection = true;
   int number = 0;
   std::string line;
   int firstLine = 0;
@@ -126,8 +125,7 @@ std::string CheckLines(const std::string& file, const std::string& text) {
       // blank or comment
     } else if (whole.front() == '[' && whole.back() == ']') {
       section = Lower(Trim(whole.substr(1, whole.size() - 2)));
-      knownSection = KnownSection(section);
-      if (!knownSection)
+      if (!KnownSection(section))
         ProcessLine(4, "gps-service: %s: unknown section [%s] is ignored; known sections: %s", where.c_str(),
              section.c_str(), KnownNames({}).c_str());
     } else if (const size_t equals = whole.find('='); equals != std::string_view::npos &&
@@ -138,7 +136,7 @@ std::string CheckLines(const std::string& file, const std::string& text) {
       if (section.empty()) {
         ProcessLine(4, "gps-service: %s: key \"%s\" outside any section is ignored; known sections: %s", where.c_str(),
              key.c_str(), KnownNames({}).c_str());
-      } else if (knownSection && !known) {
+      } else if (KnownSection(section) && !known) {
         ProcessLine(4, "gps-service: %s: unknown key \"%s\" in [%s] is ignored; known keys there: %s", where.c_str(),
              key.c_str(), section.c_str(), KnownNames(section).c_str());
       }

@@ -166,11 +166,8 @@ void Serve(halvorda::service::Service& service, int signals) {
 
 // The engine thread is never stopped, so the process ends without running
 // static destructors under it. Files are whole at any moment (every write is
-// atomic), so nothing is lost by not waiting for it.
-[[noreturn]] void Exit(int status) {
-  std::fflush(nullptr);
-  ::_exit(status);
-}
+// atomic) and log lines are never buffered, so nothing is lost by not waiting.
+[[noreturn]] void Exit(int status) { ::_exit(status); }
 
 }  // namespace
 

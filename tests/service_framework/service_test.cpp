@@ -138,6 +138,14 @@ TEST(ServiceTest, DirectoryKeepsTheEntryOfARunningProcess) {
   EXPECT_EQ(directory.add("local.device.gps", "run/local.device.gps.sock"), ERROR_IN_USE);
   EXPECT_EQ(Directory::Lookup("local.device.gps")->pid, child) << "left as it was";
 
+  // The start time is counted in clock ticks since boot: the child started
+  // after this process and before now.
+  std::ifstream uptime("/proc/uptime");
+  double upSeconds = 0;
+  uptime >> upSeconds;
+  EXPECT_GE(ProcessStartTime(child), ProcessStartTime(::getpid()));
+  EXPECT_LE(ProcessStartTime(child), static_cast<uint64_t>((upSeconds + 1) * static_cast<double>(::sysconf(_SC_CLK_TCK))));
+
   writeEntry(ProcessStartTime(child) + 1);  // the pid went to a later process
   EXPECT_EQ(directory.add("local.device.gps", "run/local.device.gps.sock"), 0);
 
