@@ -47,12 +47,13 @@ std::string FormatDegrees(int32_t units) {
   return text;
 }
 
-std::vector<StateField> ReadableState(const Reply& reply) {
+std::vector<StateField> ReadableState(const Reply& reply, std::string_view receiver) {
   const State* state = reply.state();
   const State empty;
   const State& s = state ? *state : empty;
   std::vector<StateField> fields;
   fields.push_back({"Fix", FixStatusText(FixStatusOf(state))});
+  if (!receiver.empty()) fields.push_back({"Receiver", std::string(receiver)});
   fields.push_back({"Age", s.has_age() ? std::to_string(s.age()) + " s" : "-"});
   fields.push_back({"Latitude", s.has_latitude() ? FormatDegrees(s.latitude()) : "-"});
   fields.push_back({"Longitude", s.has_longitude() ? FormatDegrees(s.longitude()) : "-"});
@@ -91,6 +92,20 @@ std::string ToJson(const google::protobuf::Message& message) {
   // service's messages have none.
   if (!google::protobuf::util::MessageToJsonString(message, &json, options).ok()) return "{}";
   return json;
+}
+
+std::string StateJson(const Reply& reply, std::string_view receiver) {
+  std::string json = ToJson(reply.response());
+  if (receiver.empty() || json.size() < 2 || json.back() != '}') return json;
+  // The receiver text comes from the directory entry: escaped as JSON wants.
+  std::string value;
+  for (const char c : receiver) {
+    if (c == '"' || c == '\\') value += '\\';
+    if (static_cast<unsigned char>(c) < 0x20) continue;
+    value += c;
+  }
+  json.pop_back();
+  return json + (json.size() > 1 ? "," : "") + "\"receiver\":\"" + value + "\"}";
 }
 
 }  // namespace gps::client

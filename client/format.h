@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "halvorda/desktopenv/desktopenv.pb.h"
@@ -38,15 +39,19 @@ struct StateField {
   std::string value;  // "-" when the service did not report it
 };
 
-// The rows of gps-servicectl's state and watch views, in this order: Fix, Age,
-// Latitude, Longitude, Speed, Heading, HDOP, Altitude, Date-time, TTFF,
-// Power.
-std::vector<StateField> ReadableState(const Reply& reply);
+// The rows of gps-servicectl's state and watch views, in this order: Fix,
+// Receiver (only when the service's directory entry names it: "simulated" for
+// the embedded simulator), Age, Latitude, Longitude, Speed, Heading, HDOP,
+// Altitude, Date-time, TTFF, Power.
+std::vector<StateField> ReadableState(const Reply& reply, std::string_view receiver = {});
 // The rows as aligned "Label  value" lines.
 std::string FormatFields(const std::vector<StateField>& fields);
 
 // The message in protobuf's JSON mapping, with the .proto field names kept
 // ("strlatitude", "poweron"); absent fields are left out.
 std::string ToJson(const google::protobuf::Message& message);
+// The response as ToJson gives it, with "receiver" beside the message's own
+// fields when the receiver is named.
+std::string StateJson(const Reply& reply, std::string_view receiver);
 
 }  // namespace gps::client

@@ -475,6 +475,6 @@ void* lib_GPS_thread(void* threadName) {
   thread.name = static_cast<const char*>(threadName);
   gps_private_info_t* infos = &gps_private_info;
   Start(thread, infos);
-  for (;;) RunPass(thread, infos);
+  for (;;) { RunPass(thread, infos); lib_GPS_thread_passes.fetch_add(1, std::memory_order_relaxed); }
   return nullptr;
 }

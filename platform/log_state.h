@@ -16,4 +16,9 @@ struct SinkBinding {
 };
 inline std::atomic<const SinkBinding*> logSink{nullptr};
 
+// True when stderr is the stream systemd connected to the journal
+// (JOURNAL_STREAM names its device and inode), so a "<N>" prefix sets each
+// line's priority.
+bool StderrIsJournal();
+
 }  // namespace gps::platform::detail

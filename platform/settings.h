@@ -5,7 +5,11 @@
 
 namespace gps::platform {
 
-enum class LogTarget { Syslog, Stderr };
+// Syslog; stderr (lines with a time stamp, or with "<N>" priority prefixes
+// and no time stamp when stderr is connected to the journal); journal
+// (stderr with "<N>" prefixes always, for a daemon whose stderr is the
+// journal's stream).
+enum class LogTarget { Syslog, Stderr, Journal };
 
 struct Settings {
   int startupMode = 0;            // 0 service mode; see the service's start-up
@@ -17,11 +21,25 @@ struct Settings {
   int logThreshold = 6;
   LogTarget logTarget = LogTarget::Syslog;
   std::string simScenario;        // empty: the simulator's built-in route
+  // Why platform.ini cannot be used (unreadable, a line that does not parse),
+  // naming the file and line; empty when it can. When set, the other fields
+  // hold their defaults and the service refuses to start.
+  std::string unusable;
 };
 
 // Settings of the current root, loaded once (iniparser). A missing file gives
-// the defaults above; a bad value is logged to stderr and its default kept.
+// the defaults above. An unknown section or key and a bad value are warned
+// about on stderr (the value keeps its default); a line that does not parse
+// makes the file unusable.
 const Settings& CurrentSettings();
+
+// Reads platform.ini now, warning as above, without touching the settings
+// in use.
+Settings ReadSettings();
+
+// Puts the [log] settings read by ReadSettings in use (threshold and target),
+// except where a program has overridden them.
+void ApplyLogSettings(const Settings& settings);
 
 // Drops the cached settings so the next call reads platform.ini again.
 void ReloadSettings();
@@ -29,6 +47,11 @@ void ReloadSettings();
 // Overrides for programs that decide their own logging (tools, tests).
 void SetLogThreshold(int level);
 void SetLogTarget(LogTarget target);
+
+// A line about the process itself (its settings, why it does not start) on
+// stderr whatever the log target, so that it is seen where the process was
+// started; "<N>" first when stderr is the journal.
+void ProcessLine(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // While set, every line that passes the threshold goes to the sink instead of
 // the configured target (the text is the formatted line without time stamp).

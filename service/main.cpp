@@ -1,15 +1,188 @@
 // gps-service: the process entry. It reads no arguments: the platform root
 // (GPS_PLATFORM_ROOT) and its platform.ini say everything.
-#include <cstdio>
+//
+// Start-up failures end the process with a sysexits status (see
+// service/lifecycle.h) after one line on stderr naming the file or path.
+// Signals are taken on the dispatch loop through a signalfd: SIGTERM and
+// SIGINT stop the service (entry and socket removed, status 0), SIGHUP re-reads
+// platform.ini's [log] settings, SIGUSR1, SIGUSR2, SIGALRM and SIGPIPE are
+// ignored.
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "engine/gps_thread.h"
 #include "platform/oem.h"
 #include "platform/os.h"
+#include "platform/root.h"
+#include "platform/settings.h"
 #include "service/gps_core.h"
+#include "service/lifecycle.h"
+
+namespace {
+
+using gps::platform::ProcessLine;
+using namespace gps::service;
+
+constexpr uint32_t kForever = 0xFFFFFFFFu;
+// Below this hard limit on descriptors the engine, the receiver and a few
+// clients do not fit.
+constexpr rlim_t kMinDescriptors = 64;
+
+// The signals the dispatch loop takes; blocked before any thread starts so
+// that every thread inherits the mask and none is interrupted by them.
+sigset_t HandledSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGHUP);
+  return set;
+}
+
+void IgnoreOrdinarySignals() {
+  for (const int signal : {SIGUSR1, SIGUSR2, SIGALRM, SIGPIPE}) ::signal(signal, SIG_IGN);
+}
+
+int DescriptorLimitProblem() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max >= kMinDescriptors) return 0;
+  ProcessLine(3, "gps-service: the descriptor limit is %llu; the service needs at least %llu (raise ulimit -n or "
+                 "LimitNOFILE=)", static_cast<unsigned long long>(limit.rlim_max),
+              static_cast<unsigned long long>(kMinDescriptors));
+  return kExitOsError;
+}
+
+// 0 when the lock is ours; else the exit status after saying why.
+int TakeInstanceLock(InstanceLock& lock) {
+  const std::string directory = gps::platform::Root() + "/run";
+  const std::string path = directory + "/gps-service.lock";
+  if (!gps::platform::MakeDirectories(directory)) {
+    const int error = errno;
+    ProcessLine(3, "gps-service: cannot create %s: %s; the platform root must be writable by the service's user",
+                directory.c_str(), std::strerror(error));
+    return ExitStatusForCreate(error);
+  }
+  switch (lock.take(path)) {
+    case InstanceLock::Outcome::Taken:
+      return 0;
+    case InstanceLock::Outcome::HeldByOther:
+      ProcessLine(3, "gps-service: another instance (pid %d) is running for the platform root %s; this one exits",
+                  static_cast<int>(lock.holder()), gps::platform::Root().c_str());
+      return kExitCantCreate;
+    case InstanceLock::Outcome::Failed:
+      break;
+  }
+  ProcessLine(3, "gps-service: cannot lock %s: %s; the platform root must be writable by the service's user",
+              path.c_str(), std::strerror(lock.error()));
+  return ExitStatusForCreate(lock.error());
+}
+
+// The stored configuration must be readable before the service takes it:
+// a file that exists but cannot be read is left alone and the start stops.
+int StoredConfigurationProblem(const std::string& serviceClass) {
+  const std::string path = gps::platform::Root() + "/config/" + serviceClass + ".conf";
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd >= 0) {
+    ::close(fd);
+    return 0;
+  }
+  const int error = errno;
+  if (error == ENOENT) return 0;
+  ProcessLine(3, "gps-service: the stored configuration %s cannot be read: %s; fix its owner or mode (it is left "
+                 "as it is)", path.c_str(), std::strerror(error));
+  return ExitStatusForCreate(error) == kExitOsError ? kExitOsError : kExitConfig;
+}
+
+int ServiceProblem(const halvorda::service::Service& service) {
+  if (service.getServiceClass().empty() || service.getAddress().empty()) {
+    ProcessLine(3, "gps-service: the manifest %s cannot be used (see the lines above); the service does not start",
+                GPS_SERVICE_MANIFEST);
+    return kExitConfig;
+  }
+  if (const int problem = StoredConfigurationProblem(service.getServiceClass()); problem != 0) return problem;
+  if (!service.isListening()) {
+    ProcessLine(3, "gps-service: cannot listen on %s (see the lines above); the service does not start",
+                service.getSocketPath().c_str());
+    return kExitCantCreate;
+  }
+  return 0;
+}
+
+// SIGHUP: the [log] settings of platform.ini take effect; clients, the stored
+// configuration and the receiver are left as they are.
+void Reload() {
+  const std::string state = "RELOADING=1\nMONOTONIC_USEC=" + std::to_string(MonotonicMs() * 1000);
+  halvorda::service::NotifySystemd(state);
+  const gps::platform::Settings fresh = gps::platform::ReadSettings();
+  if (!fresh.unusable.empty()) {
+    Sys_log(3, "%s; keeping the settings in use", fresh.unusable.c_str());
+  } else {
+    gps::platform::ApplyLogSettings(fresh);
+    Sys_log(5, "platform.ini re-read: log threshold %d", fresh.logThreshold);
+    // RECEIVER RELOAD: the receiver device part of SIGHUP goes here, as one
+    // call of GPS_ReloadResourceSettings() (platform/gps_resource.h), which
+    // reopens the receiver only when its device or speed changed.
+  }
+  halvorda::service::NotifySystemd("READY=1");
+}
+
+// The entry is removed only while it is this process's.
+void RemoveEntry(const std::string& serviceClass) {
+  const auto entry = halvorda::service::Directory::Lookup(serviceClass);
+  if (!entry || entry->pid != ::getpid()) return;
+  halvorda::service::Directory directory;
+  if (directory.connect("", kForever) == 0) directory.remove(serviceClass);
+}
+
+// Dispatches until SIGTERM or SIGINT; keeps systemd's watchdog fed while the
+// engine thread runs.
+void Serve(halvorda::service::Service& service, int signals) {
+  Watchdog watchdog = Watchdog::FromEnvironment(MonotonicMs());
+  for (;;) {
+    service.dispatch(watchdog.enabled() ? static_cast<uint32_t>(watchdog.intervalMs()) : kForever);
+    if (watchdog.due(MonotonicMs(), lib_GPS_thread_passes.load(std::memory_order_relaxed)))
+      halvorda::service::NotifySystemd("WATCHDOG=1");
+    signalfd_siginfo info{};
+    while (::read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+      if (info.ssi_signo == SIGHUP) {
+        Reload();
+        continue;
+      }
+      Sys_log(5, "%s stopping on SIG%s", service.getServiceClass().c_str(),
+              sigabbrev_np(static_cast<int>(info.ssi_signo)));
+      halvorda::service::NotifySystemd("STOPPING=1");
+      return;
+    }
+  }
+}
+
+// The engine thread is never stopped, so the process ends without running
+// static destructors under it. Files are whole at any moment (every write is
+// atomic) and log lines are never buffered, so nothing is lost by not waiting.
+[[noreturn]] void Exit(int status) { ::_exit(status); }
+
+}  // namespace
 
 int main() {
   // Log lines to stderr must not wait in a buffer when the process is killed.
   std::setvbuf(stderr, nullptr, _IONBF, 0);
-  constexpr uint32_t kForever = 0xFFFFFFFFu;
+  IgnoreOrdinarySignals();
+  const sigset_t handled = HandledSignals();
+  pthread_sigmask(SIG_BLOCK, &handled, nullptr);
+
+  // Nothing is opened before platform.ini is known to be usable.
+  if (const std::string& unusable = gps::platform::CurrentSettings().unusable; !unusable.empty()) {
+    ProcessLine(3, "gps-service: %s; the service does not start", unusable.c_str());
+    return kExitConfig;
+  }
 
   if (Oem_SystemFioctl(OEM_REQUEST_STARTUP_MODE, nullptr) != 0) {
     // Ready-only start: tell the directory and leave without serving.
@@ -20,21 +193,51 @@ int main() {
     return 0;
   }
 
-  halvorda::service::Service service(GPS_SERVICE_MANIFEST, nullptr);
-  auto* directory = new halvorda::service::Directory;
-  if (directory->connect("", kForever) != 0) {
-    delete directory;
-    return 0;
+  if (const int problem = DescriptorLimitProblem(); problem != 0) return problem;
+  InstanceLock lock;
+  if (const int problem = TakeInstanceLock(lock); problem != 0) return problem;
+  const int signals = ::signalfd(-1, &handled, SFD_NONBLOCK | SFD_CLOEXEC);
+  if (signals < 0) {
+    ProcessLine(3, "gps-service: signalfd: %s", std::strerror(errno));
+    return kExitOsError;
   }
+
+  int status = 0;
   {
+    halvorda::service::Service service(GPS_SERVICE_MANIFEST, nullptr);
+    if (const int problem = ServiceProblem(service); problem != 0) return problem;
+    if (service.watchDescriptor(signals) != 0) {
+      ProcessLine(3, "gps-service: cannot watch the signal descriptor: %s", std::strerror(errno));
+      return kExitOsError;
+    }
+    const std::string serviceClass = service.getServiceClass();
+    auto* directory = new halvorda::service::Directory;
+    if (directory->connect("", kForever) != 0) {
+      delete directory;
+      ProcessLine(3, "gps-service: the service directory %s cannot be used (see the line above)",
+                  halvorda::service::Directory::DefaultPath().c_str());
+      return kExitCantCreate;
+    }
     GPSCore core(&service);
     service.addInterface(&core);
-    const halvorda::os::Error registered = directory->add(service.getServiceClass(), service.getAddress());
+    // Says where fixes come from, for gps-servicectl: a simulated position
+    // must never pass for a measured one.
+    const std::string& device = gps::platform::CurrentSettings().device;
+    const halvorda::service::DirectoryAttributes attributes{{"receiver", device == "sim" ? "simulated" : device}};
+    const halvorda::os::Error registered = directory->add(serviceClass, service.getAddress(), attributes);
     directory->setReady();
     directory->disconnect();
     delete directory;
-    if (registered != 0) return 0;
-    Sys_log(7, "%s running", service.getServiceClass().c_str());
-    for (;;) service.dispatch(kForever);
+    if (registered == 0) {
+      Sys_log(7, "%s running", serviceClass.c_str());
+      Serve(service, signals);
+      // Clients stop finding the service before its socket goes with it.
+      RemoveEntry(serviceClass);
+    } else {
+      ProcessLine(3, "gps-service: cannot register %s in %s: %s", serviceClass.c_str(),
+                  halvorda::service::Directory::DefaultPath().c_str(), halvorda::service::ErrorName(registered));
+      status = kExitCantCreate;
+    }
   }
+  Exit(status);
 }

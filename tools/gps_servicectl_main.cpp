@@ -16,6 +16,7 @@
 #include "client/format.h"
 #include "client/gps_client.h"
 #include "client/stored_parameters.h"
+#include "platform/service/directory.h"
 
 namespace {
 
@@ -57,6 +58,13 @@ std::string ParametersText(const Parameters& parameters) {
   };
   return line("poweron", parameters.has_poweron(), parameters.poweron()) +
          line("keepon", parameters.has_keepon(), parameters.keepon());
+}
+
+// Where the service's fixes come from, as its directory entry says
+// ("simulated" for the embedded simulator); empty when it says nothing.
+std::string Receiver() {
+  const auto entry = halvorda::service::Directory::Lookup(gps::client::kServiceClass);
+  return entry ? entry->attribute("receiver") : std::string();
 }
 
 // --- watch -----------------------------------------------------------------
@@ -125,7 +133,7 @@ int Watch(std::chrono::milliseconds timeout, int count, std::chrono::millisecond
       auto reply = client->GetState();
       if (reply) {
         last = Error();
-        body = gps::client::FormatFields(gps::client::ReadableState(*reply));
+        body = gps::client::FormatFields(gps::client::ReadableState(*reply, Receiver()));
       } else {
         last = reply.error();
         if (ConnectionLost(last)) client.reset();
@@ -154,9 +162,9 @@ std::optional<GpsClient> ConnectOrReport(std::chrono::milliseconds timeout, int&
 int ShowReply(const gps::client::Result<gps::client::Reply>& reply, bool json, bool withState) {
   if (!reply) return Report(reply.error());
   if (json)
-    Print(gps::client::ToJson(reply->response()) + "\n");
+    Print((withState ? gps::client::StateJson(*reply, Receiver()) : gps::client::ToJson(reply->response())) + "\n");
   else if (withState)
-    Print(gps::client::FormatFields(gps::client::ReadableState(*reply)));
+    Print(gps::client::FormatFields(gps::client::ReadableState(*reply, Receiver())));
   else
     Print(ParametersText(reply->parameters()));
   return kExitOk;

@@ -1,9 +1,11 @@
 #include "platform/service/directory.h"
 
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -33,7 +35,42 @@ std::string SocketPath(const std::string& address) {
   return address.front() == '/' ? address : gps::platform::Root() + "/" + address;
 }
 
+bool ValidAttribute(const std::pair<std::string, std::string>& attribute) {
+  const auto& [key, value] = attribute;
+  static constexpr std::string_view kReserved[] = {"address", "pid", "started", "ready"};
+  return !key.empty() && key.find_first_of("=\n") == std::string::npos && value.find('\n') == std::string::npos &&
+         std::find(std::begin(kReserved), std::end(kReserved), key) == std::end(kReserved);
+}
+
 }  // namespace
+
+std::string DirectoryEntry::attribute(std::string_view key) const {
+  for (const auto& [name, value] : attributes)
+    if (name == key) return value;
+  return {};
+}
+
+bool DirectoryEntry::processAlive() const {
+  if (pid <= 0 || (::kill(pid, 0) != 0 && errno != EPERM)) return false;
+  // Without a start time (an entry of an older writer, or /proc hidden) the
+  // pid alone decides.
+  const uint64_t now = ProcessStartTime(pid);
+  return started == 0 || now == 0 || now == started;
+}
+
+uint64_t ProcessStartTime(pid_t pid) {
+  std::string text;
+  if (ReadWholeFile("/proc/" + std::to_string(pid) + "/stat", kMaxEntryBytes, text) != ReadStatus::Ok) return 0;
+  // The command name (field 2) may hold spaces and parentheses: fields are
+  // counted after its closing parenthesis. The start time is field 22.
+  size_t at = text.rfind(')');
+  if (at == std::string::npos) return 0;
+  for (int field = 2; field < 22 && at != std::string::npos; ++field) at = text.find(' ', at + 1);
+  if (at == std::string::npos) return 0;
+  uint64_t started = 0;
+  std::from_chars(text.data() + at + 1, text.data() + text.size(), started);
+  return started;
+}
 
 std::string Directory::DefaultPath() { return gps::platform::Root() + "/run/directory"; }
 
@@ -55,15 +92,25 @@ os::Error Directory::disconnect() {
 }
 
 os::Error Directory::writeEntry(const std::string& serviceClass, const DirectoryEntry& entry) {
-  const std::string text = "address=" + entry.address + "\npid=" + std::to_string(entry.pid) +
-                           "\nready=" + (entry.ready ? "1" : "0") + "\n";
+  std::string text = "address=" + entry.address + "\npid=" + std::to_string(entry.pid) +
+                     "\nstarted=" + std::to_string(entry.started) + "\nready=" + (entry.ready ? "1" : "0") + "\n";
+  for (const auto& [key, value] : entry.attributes) text += key + "=" + value + "\n";
   return WriteFileAtomically(path_ + "/" + serviceClass, text) ? os::ERROR_NONE : ERROR_IO;
 }
 
-os::Error Directory::add(const std::string& serviceClass, const std::string& address) {
+os::Error Directory::add(const std::string& serviceClass, const std::string& address,
+                         const DirectoryAttributes& attributes) {
   if (!isConnected()) return ERROR_DISCONNECTED;
-  if (!ValidClass(serviceClass) || address.empty() || address.find('\n') != std::string::npos) return ERROR_INVALID;
-  const DirectoryEntry entry{address, ::getpid(), false};
+  if (!ValidClass(serviceClass) || address.empty() || address.find('\n') != std::string::npos ||
+      !std::all_of(attributes.begin(), attributes.end(), ValidAttribute))
+    return ERROR_INVALID;
+  if (const auto existing = Lookup(serviceClass, path_);
+      existing && existing->pid != ::getpid() && existing->processAlive()) {
+    Sys_log(3, "directory: %s is registered by the running process %d; not replacing its entry.",
+            serviceClass.c_str(), static_cast<int>(existing->pid));
+    return ERROR_IN_USE;
+  }
+  const DirectoryEntry entry{address, ::getpid(), ProcessStartTime(::getpid()), false, attributes};
   const os::Error result = writeEntry(serviceClass, entry);
   if (result == os::ERROR_NONE) {
     std::erase_if(added_, [&](const auto& added) { return added.first == serviceClass; });
@@ -109,7 +156,9 @@ std::optional<DirectoryEntry> Directory::Lookup(const std::string& serviceClass,
       const std::string_view value = line.substr(equals + 1);
       if (key == "address") entry.address = std::string(value);
       else if (key == "pid") std::from_chars(value.data(), value.data() + value.size(), entry.pid);
+      else if (key == "started") std::from_chars(value.data(), value.data() + value.size(), entry.started);
       else if (key == "ready") entry.ready = value == "1";
+      else entry.attributes.emplace_back(key, value);
     }
     at = end + 1;
   }
@@ -123,7 +172,7 @@ std::optional<std::string> Directory::Resolve(const std::string& serviceClass, c
   return SocketPath(entry->address);
 }
 
-os::Error NotifySystemdReady() {
+os::Error NotifySystemd(std::string_view state) {
   const char* target = std::getenv("NOTIFY_SOCKET");
   if (!target || !*target) return os::ERROR_NONE;
   sockaddr_un address{};
@@ -137,8 +186,7 @@ os::Error NotifySystemdReady() {
   if (target[0] == '@') address.sun_path[0] = '\0';  // abstract namespace
   const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return ERROR_IO;
-  static constexpr char kReady[] = "READY=1";
-  const ssize_t sent = ::sendto(fd, kReady, sizeof kReady - 1, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
+  const ssize_t sent = ::sendto(fd, state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
                                 static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
   const int savedErrno = errno;
   ::close(fd);

@@ -6,13 +6,19 @@
 // Entry file $ROOT/run/directory/<class>, written atomically:
 //   address=run/local.device.gps.sock   socket path, relative to the root
 //   pid=1234                            the registering process
+//   started=5678                        its start time (clock ticks after boot),
+//                                       so a reused pid is not taken for it
 //   ready=1                             set once the service called setReady
+//   receiver=simulated                  further attributes the service adds
 #pragma once
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/service/error.h"
@@ -20,10 +26,20 @@
 
 namespace halvorda::service {
 
+using DirectoryAttributes = std::vector<std::pair<std::string, std::string>>;
+
 struct DirectoryEntry {
   std::string address;  // as registered
   pid_t pid = 0;
+  uint64_t started = 0;  // 0 when unknown
   bool ready = false;
+  DirectoryAttributes attributes;
+
+  // The attribute's value; empty when absent.
+  std::string attribute(std::string_view key) const;
+  // The registering process still runs (the same process, not a later one
+  // that got its pid).
+  bool processAlive() const;
 };
 
 class Directory : public Proxyable {
@@ -38,8 +54,10 @@ class Directory : public Proxyable {
   os::Error disconnect() override;
 
   // Registers a class at a socket address (relative to the root, or
-  // absolute). Replaces an earlier entry of the class.
-  os::Error add(const std::string& serviceClass, const std::string& address);
+  // absolute), with optional attributes (key without '=' or newline, value
+  // without newline). Replaces an earlier entry of the class left by a
+  // process that has ended; ERROR_IN_USE while that process still runs.
+  os::Error add(const std::string& serviceClass, const std::string& address, const DirectoryAttributes& attributes = {});
   os::Error remove(const std::string& serviceClass);
   // Marks the classes this object added as ready and, when the process was
   // started by systemd with a notification socket ($NOTIFY_SOCKET), sends it
@@ -59,7 +77,13 @@ class Directory : public Proxyable {
   std::vector<std::pair<std::string, DirectoryEntry>> added_;
 };
 
-// Sends READY=1 to $NOTIFY_SOCKET when set; 0 also when it is not set.
-os::Error NotifySystemdReady();
+// Sends a state ("READY=1", "WATCHDOG=1", "STOPPING=1") to $NOTIFY_SOCKET
+// when set; 0 also when it is not set.
+os::Error NotifySystemd(std::string_view state);
+inline os::Error NotifySystemdReady() { return NotifySystemd("READY=1"); }
+
+// The process's start time in clock ticks after boot (/proc/PID/stat); 0 when
+// it cannot be read.
+uint64_t ProcessStartTime(pid_t pid);
 
 }  // namespace halvorda::service

@@ -21,6 +21,7 @@ const char* ErrorName(os::Error code) {
     case ERROR_IO: return "system error";
     case ERROR_PROTOCOL: return "protocol error";
     case ERROR_NO_ANSWER: return "handler sent no answer";
+    case ERROR_IN_USE: return "in use by a running process";
     default: return "unknown";
   }
 }

@@ -30,6 +30,7 @@ inline constexpr os::Error ERROR_INVALID = -2000009;            // an argument o
 inline constexpr os::Error ERROR_IO = -2000010;                 // a system call failed
 inline constexpr os::Error ERROR_PROTOCOL = -2000011;           // the peer broke the frame protocol
 inline constexpr os::Error ERROR_NO_ANSWER = -2000012;          // the handler returned success without answering
+inline constexpr os::Error ERROR_IN_USE = -2000013;             // a running process holds the name or address
 
 // A short name for logs and for gps-servicectl's messages; "unknown" for codes that
 // are not the framework's.

@@ -28,6 +28,7 @@ namespace {
 // epoll tags: connections get ids from kFirstConnectionId on.
 constexpr uint64_t kListenerTag = 1;
 constexpr uint64_t kConfigWatchTag = 2;
+constexpr uint64_t kOutsideTag = 3;
 constexpr uint64_t kFirstConnectionId = 16;
 
 constexpr size_t kReadChunkBytes = kFrameHeaderBytes + kMaxPayloadBytes;
@@ -263,6 +264,13 @@ os::Error Service::load(google::protobuf::Message& message) {
 }
 
 os::Error Service::acceptConfig() { return config_ ? config_->accept() : ERROR_INVALID; }
+
+os::Error Service::watchDescriptor(int fd) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = kOutsideTag;
+  return epoll_ >= 0 && ::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0 ? os::ERROR_NONE : ERROR_IO;
+}
 
 os::Error Service::adoptConnection(int fd) {
   if (fd < 0) return ERROR_INVALID;
@@ -524,6 +532,8 @@ os::Error Service::dispatch(uint32_t timeoutMs) {
           if (fd < 0) break;
           addConnection(fd);
         }
+        handled = true;
+      } else if (tag == kOutsideTag) {
         handled = true;
       } else if (tag == kConfigWatchTag) {
         if (config_->takeOutsideChange()) raiseConfigurationModified();

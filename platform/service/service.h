@@ -92,6 +92,10 @@ class Service {
   // connections. Returns once something was handled or the time is up.
   os::Error dispatch(uint32_t timeoutMs);
 
+  // dispatch() also returns when this descriptor becomes readable (a
+  // signalfd of the process, say); the caller reads it. One at a time.
+  os::Error watchDescriptor(int fd);
+
   // Serves an already connected Unix stream socket as if accepted (socket
   // activation, in-process peers); the service owns it from now on.
   os::Error adoptConnection(int fd);

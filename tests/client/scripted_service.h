@@ -94,13 +94,14 @@ class ScriptedGps : public service::Interfacable {
 // configuration attached, for the object's life.
 class ScriptedService {
  public:
-  ScriptedService() : service_(kManifest) {
+  // The attributes go in the service's directory entry.
+  explicit ScriptedService(const service::DirectoryAttributes& attributes = {}) : service_(kManifest) {
     service_.addInterface(&gps);
     service_.attachProxy(&gps.inactivity, "", UINT32_MAX);
     service_.attachConfig(&stored_, false);
     service::Directory directory;
     directory.connect("", UINT32_MAX);
-    directory.add(service_.getServiceClass(), service_.getAddress());
+    directory.add(service_.getServiceClass(), service_.getAddress(), attributes);
     directory.setReady();
     thread_ = std::thread([this] {
       while (!stopping_) service_.dispatch(20);

@@ -16,13 +16,18 @@ size_t Occurrences(const std::string& text, const std::string& what) {
   return count;
 }
 
+// A service whose entry says its receiver is simulated: every view says so.
 TEST(ServicectlTest, StateAsJsonAndWatchViews) {
-  ScriptedService running;
+  ScriptedService running(service::DirectoryAttributes{{"receiver", "simulated"}});
   running.gps.script(ResponseWithFix());
 
-  ToolRun run = RunServicectl(running.root, {"state", "--json"});
+  ToolRun run = RunServicectl(running.root, {"state"});
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_NE(run.out.find("Fix        yes\nReceiver   simulated\n"), std::string::npos) << run.out;
+  run = RunServicectl(running.root, {"state", "--json"});
   ASSERT_EQ(run.exitCode, 0) << run.err;
   const auto json = nlohmann::json::parse(run.out);
+  EXPECT_EQ(json["receiver"], "simulated");
   EXPECT_EQ(json["state"]["strlatitude"], "4807.038N");
   EXPECT_EQ(json["state"]["longitude"], -742567890);
   EXPECT_EQ(json["state"]["date"]["year"], 2024);
@@ -33,8 +38,9 @@ TEST(ServicectlTest, StateAsJsonAndWatchViews) {
   ASSERT_EQ(run.exitCode, 0) << run.err;
   EXPECT_EQ(Occurrences(run.out, "Latitude   48.117300\n"), 2u) << run.out;
   EXPECT_EQ(Occurrences(run.out, "Fix        yes\n"), 2u) << run.out;
+  EXPECT_EQ(Occurrences(run.out, "Receiver   simulated\n"), 2u) << run.out;
   EXPECT_EQ(run.out.find('\x1b'), std::string::npos) << "terminal codes written to a file";
-  EXPECT_EQ(running.gps.requests().size(), 3u);
+  EXPECT_EQ(running.gps.requests().size(), 4u);
   for (const auto& request : running.gps.requests()) EXPECT_FALSE(request.has_parameters());
 
   // The receiver should be on but is not: the view says so, the exit status too.

@@ -11,6 +11,7 @@
 
 #include "engine/gps_events.h"
 #include "engine/gps_geolocating.h"
+#include "engine/gps_thread.h"
 #include "param/gps_parameters.h"
 #include "platform/root.h"
 #include "sim/modem_channel.h"
@@ -104,6 +105,9 @@ TEST_P(EngineRuntime, PowerOnConfiguresTheReceiverAndTheFixOutlivesTheEngine) {
     const Position stored = GetPosition(GEOLOCATING_GPS_ACCEPT_OLD_FIX);
     EXPECT_EQ(stored.result, GEOLOCATING_GPS_ERROR_OLD_COORDINATES);
     EXPECT_EQ(std::string(stored.latitude).substr(0, 3), "485") << stored.latitude;
+    // The heartbeat the service's watchdog follows moves with the receiver off.
+    const uint32_t passes = lib_GPS_thread_passes.load();
+    EXPECT_TRUE(WaitFor([&] { return lib_GPS_thread_passes.load() != passes; }, 1500ms));
   });
 }
 

@@ -14,11 +14,16 @@
 #include <unistd.h>
 
 #include <google/protobuf/text_format.h>
+#include <poll.h>
+#include <algorithm>
+#include <cstring>
+#include <functional>
 #include <random>
 
 #include "client/gps_client.h"
 #include "halvorda/device/gps/gps.pb.h"
 #include "platform/root.h"
+#include "platform/service/directory.h"
 #include "tests/integration/engine_process.h"
 #include "tests/sim/sim_test_support.h"
 
@@ -66,8 +71,10 @@ class GpsService : public testing::Test {
     msg::SetGetStateResponse response;
     return Ask(response) == 0 && response.has_state() && response.state().has_strlatitude() && !response.state().old();
   }
-  std::string StoredConfig() const {
-    std::ifstream in(root_ / "config/local.device.gps.conf");
+  std::string StoredConfig() const { return Text(root_ / "config/local.device.gps.conf"); }
+  std::string Log() const { return Text(root_ / "service.log"); }
+  static std::string Text(const std::string& path) {
+    std::ifstream in(path);
     return std::string(std::istreambuf_iterator<char>(in), {});
   }
 
@@ -209,6 +216,174 @@ TEST_F(GpsService, AKillAtAnyMomentLeavesItsFilesWhole) {
     EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(StoredConfig(), &stored)) << StoredConfig();
     EXPECT_EQ(std::filesystem::file_size(root_ / "fs/GPS/gps_param.cfg"), 1216u);
   }
+}
+
+// Environment variables set while the service is started, removed after.
+class ScopedEnvironment {
+ public:
+  explicit ScopedEnvironment(std::vector<std::pair<std::string, std::string>> variables)
+      : variables_(std::move(variables)) {
+    for (const auto& [name, value] : variables_) setenv(name.c_str(), value.c_str(), 1);
+  }
+  ~ScopedEnvironment() {
+    for (const auto& [name, value] : variables_) unsetenv(name.c_str());
+  }
+
+ private:
+  std::vector<std::pair<std::string, std::string>> variables_;
+};
+
+// A datagram socket in the place of systemd's notification socket.
+class NotifyListener {
+ public:
+  explicit NotifyListener(const std::string& path) : path_(path), fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  }
+  ~NotifyListener() { close(fd_); }
+  const std::string& path() const { return path_; }
+  // The states received within the time, in order.
+  std::vector<std::string> Receive(std::chrono::milliseconds limit) {
+    std::vector<std::string> states;
+    for (const auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
+      pollfd slot{fd_, POLLIN, 0};
+      if (poll(&slot, 1, 20) <= 0) continue;
+      char datagram[256];
+      const ssize_t n = recv(fd_, datagram, sizeof datagram, 0);
+      if (n > 0) states.emplace_back(datagram, static_cast<size_t>(n));
+    }
+    return states;
+  }
+
+ private:
+  std::string path_;
+  int fd_;
+};
+
+// Under systemd: ready, then fed the watchdog while the engine runs. A second
+// instance leaves the first alone. SIGTERM: one line, entry and socket gone,
+// status 0 within a second.
+TEST_F(GpsService, StopsCleanlyOnSigtermAndASecondInstanceLeavesTheFirstAlone) {
+  NotifyListener notify(root_ / "notify.sock");
+  {
+    ScopedEnvironment systemd({{"NOTIFY_SOCKET", notify.path()}, {"WATCHDOG_USEC", "400000"}});
+    Start();
+  }
+  const std::string entryPath = root_ / "run/directory/local.device.gps";
+  const std::string socketPath = root_ / "run/local.device.gps.sock";
+  const auto entry = halvorda::service::Directory::Lookup("local.device.gps");
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->pid, service_->pid());
+  EXPECT_EQ(entry->attribute("receiver"), "simulated") << "gps-servicectl tells simulated fixes by it";
+  const std::vector<std::string> states = notify.Receive(1000ms);
+  ASSERT_FALSE(states.empty());
+  EXPECT_EQ(states.front(), "READY=1");
+  EXPECT_GE(std::count(states.begin(), states.end(), "WATCHDOG=1"), 3) << "every 200 ms";
+
+  struct stat socketBefore{};
+  ASSERT_EQ(stat(socketPath.c_str(), &socketBefore), 0);
+  const std::string entryBefore = Text(entryPath);
+  ChildProcess second({GPS_SERVICE_BINARY}, root_ / "second.log");
+  EXPECT_EQ(second.ExitStatus(), 73);
+  EXPECT_NE(Text(root_ / "second.log").find("another instance (pid " + std::to_string(service_->pid()) + ")"),
+            std::string::npos)
+      << Text(root_ / "second.log");
+  struct stat socketAfter{};
+  ASSERT_EQ(stat(socketPath.c_str(), &socketAfter), 0);
+  EXPECT_EQ(socketAfter.st_ino, socketBefore.st_ino);
+  EXPECT_EQ(Text(entryPath), entryBefore);
+  msg::SetGetStateResponse response;
+  EXPECT_EQ(Ask(response, true), 0) << "the first one still serves";
+
+  const auto signalled = std::chrono::steady_clock::now();
+  ASSERT_TRUE(service_->Signal(SIGTERM));
+  EXPECT_EQ(service_->ExitStatus(), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - signalled, 1s);
+  EXPECT_FALSE(std::filesystem::exists(socketPath));
+  EXPECT_FALSE(std::filesystem::exists(entryPath));
+  const std::string log = Log();
+  EXPECT_EQ(log.find("local.device.gps stopping on SIGTERM"), log.rfind("local.device.gps stopping on SIGTERM"));
+  EXPECT_NE(log.find("local.device.gps stopping on SIGTERM"), std::string::npos) << log;
+  const std::vector<std::string> last = notify.Receive(100ms);
+  EXPECT_NE(std::find(last.begin(), last.end(), "STOPPING=1"), last.end());
+  EXPECT_NE(StoredConfig().find("poweron: true"), std::string::npos) << StoredConfig();
+}
+
+// Under journald: "<N>" prefixes and no time stamp. An unknown key is warned
+// about and the service runs; SIGHUP puts a new log threshold in effect;
+// SIGUSR1, SIGUSR2, SIGALRM and SIGPIPE change nothing.
+TEST_F(GpsService, SighupAppliesTheLogThresholdAndOrdinarySignalsAreIgnored) {
+  const auto writeIni = [&](int threshold) {
+    std::ofstream(root_ / "platform.ini") << "[gps]\ndevise = /dev/ttyACM0\n[sim]\nttff_ms = 300\n[log]\n"
+                                             "target = stderr\nthreshold = "
+                                          << threshold << "\n";
+  };
+  writeIni(4);
+  std::ofstream(root_ / "service.log").close();
+  struct stat log{};
+  ASSERT_EQ(stat((root_ / "service.log").c_str(), &log), 0);
+  {
+    ScopedEnvironment journal({{"JOURNAL_STREAM", std::to_string(log.st_dev) + ":" + std::to_string(log.st_ino)}});
+    Start();
+  }
+  EXPECT_NE(Log().find("<4>gps-service: " + (root_ / "platform.ini:2: unknown key \"devise\" in [gps]")),
+            std::string::npos)
+      << Log();
+  for (const int signal : {SIGUSR1, SIGUSR2, SIGALRM, SIGPIPE}) ASSERT_TRUE(service_->Signal(signal));
+  msg::SetGetStateResponse response;
+  ASSERT_EQ(Ask(response, true), 0);
+  EXPECT_NE(Log().find("\n<3>GPSCore: setState BEGIN\n"), std::string::npos) << Log();
+  EXPECT_EQ(Log().find("setPower(1) OK"), std::string::npos) << "level 7 is above threshold 4";
+
+  writeIni(7);
+  ASSERT_TRUE(service_->Signal(SIGHUP));
+  EXPECT_TRUE(WaitFor([&] { return Log().find("<5>platform.ini re-read: log threshold 7") != std::string::npos; }))
+      << Log();
+  ASSERT_EQ(Ask(response, false), 0);
+  EXPECT_NE(Log().find("\n<7>GPS: setPower(0) OK\n"), std::string::npos) << Log();
+  EXPECT_EQ(waitpid(service_->pid(), nullptr, WNOHANG), 0) << "still running";
+}
+
+// A start that cannot work stops at once with its sysexits status and one
+// line naming the file, leaving everything it found as it was.
+TEST_F(GpsService, StartFailuresExitWithTheirStatusAndNameTheCause) {
+  const std::string config = root_ / "config/local.device.gps.conf";
+  struct Case {
+    const char* legend;
+    std::function<void()> prepare;
+    std::vector<std::string> command;
+    int status;
+    std::string line;
+  };
+  const std::vector<Case> cases = {
+      {"a line of platform.ini that does not parse",
+       [&] { std::ofstream(root_ / "platform.ini") << "[gps]\ndevice = sim\n[log\n"; },
+       {GPS_SERVICE_BINARY}, 78, root_ / "platform.ini:3: cannot parse \"[log\""},
+      {"a platform root where nothing can be created", [&] { std::ofstream(root_ / "run") << "a file"; },
+       {GPS_SERVICE_BINARY}, 73, "cannot create " + (root_ / "run")},
+      {"too few descriptors", [] {}, {"/bin/sh", "-c", "ulimit -n 16; exec " GPS_SERVICE_BINARY}, 71,
+       "the descriptor limit is 16"},
+      {"a stored configuration that cannot be read",
+       [&] {
+         std::filesystem::create_directories(root_ / "config");
+         std::filesystem::create_symlink("local.device.gps.conf", config);
+       },
+       {GPS_SERVICE_BINARY}, 78, "the stored configuration " + config + " cannot be read"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.legend);
+    std::filesystem::remove_all(root_.path());
+    std::filesystem::create_directories(root_.path());
+    c.prepare();
+    ChildProcess service(c.command, root_ / "service.log");
+    EXPECT_EQ(service.ExitStatus(), c.status);
+    EXPECT_NE(Log().find(c.line), std::string::npos) << Log();
+    EXPECT_FALSE(std::filesystem::exists(root_ / "run/local.device.gps.sock"));
+    EXPECT_FALSE(std::filesystem::exists(root_ / "fs")) << "the engine did not start";
+  }
+  EXPECT_TRUE(std::filesystem::is_symlink(config)) << "left as it was";
 }
 
 TEST_F(GpsService, ReadyOnlyStartSignalsReadyAndServesNothing) {

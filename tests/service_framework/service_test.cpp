@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -115,6 +116,50 @@ TEST(ServiceTest, SignalsReadinessToSystemd) {
   EXPECT_EQ(::recv(listener, datagram, sizeof datagram, MSG_DONTWAIT), 7);
   EXPECT_STREQ(datagram, "READY=1");
   ::close(listener);
+}
+
+// An entry of a running process is kept; one left by a process that ended,
+// or whose pid now belongs to another process, is replaced.
+TEST(ServiceTest, DirectoryKeepsTheEntryOfARunningProcess) {
+  gps::test::TempRoot root;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::pause();
+    ::_exit(0);
+  }
+  const std::string entryPath = root / "run/directory/local.device.gps";
+  const auto writeEntry = [&](uint64_t started) {
+    std::filesystem::create_directories(root / "run/directory");
+    std::ofstream(entryPath) << "address=run/other.sock\npid=" << child << "\nstarted=" << started << "\nready=1\n";
+  };
+  Directory directory;
+  ASSERT_EQ(directory.connect("", 0), 0);
+  writeEntry(ProcessStartTime(child));
+  EXPECT_EQ(directory.add("local.device.gps", "run/local.device.gps.sock"), ERROR_IN_USE);
+  EXPECT_EQ(Directory::Lookup("local.device.gps")->pid, child) << "left as it was";
+
+  // The start time is counted in clock ticks since boot: the child started
+  // after this process and before now.
+  std::ifstream uptime("/proc/uptime");
+  double upSeconds = 0;
+  uptime >> upSeconds;
+  EXPECT_GE(ProcessStartTime(child), ProcessStartTime(::getpid()));
+  EXPECT_LE(ProcessStartTime(child), static_cast<uint64_t>((upSeconds + 1) * static_cast<double>(::sysconf(_SC_CLK_TCK))));
+
+  writeEntry(ProcessStartTime(child) + 1);  // the pid went to a later process
+  EXPECT_EQ(directory.add("local.device.gps", "run/local.device.gps.sock"), 0);
+
+  writeEntry(ProcessStartTime(child));
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  EXPECT_EQ(directory.add("local.device.gps", "run/local.device.gps.sock", {{"receiver", "simulated"}}), 0);
+  const auto entry = Directory::Lookup("local.device.gps");
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->pid, ::getpid());
+  EXPECT_EQ(entry->attribute("receiver"), "simulated");
+  EXPECT_EQ(directory.add("local.device.gps", "run/local.device.gps.sock"), 0) << "its own entry is renewed";
+  EXPECT_EQ(directory.add("local.device.gps", "run/x.sock", {{"pid", "1"}}), ERROR_INVALID);
+  EXPECT_EQ(directory.add("local.device.gps", "run/x.sock", {{"receiver", "a\nready=1"}}), ERROR_INVALID);
 }
 
 TEST(ServiceTest, BrokenStreamsCloseOnlyTheirConnection) {
