@@ -15,6 +15,9 @@ struct Settings {
   int logThreshold = 6;
   LogTarget logTarget = LogTarget::Syslog;
   std::string simScenario;        // empty: the simulator's built-in route
+  std::string gpsdListen;         // [gpsd] listen: TCP addresses of the JSON endpoint; empty: none
+  std::string gpsdSocket;         // [gpsd] socket: its Unix socket below the root; empty: none
+  std::string chronySocket;       // [chrony] socket: chronyd's SOCK refclock socket; empty: none
 };
 
 // Settings of the current root, loaded once (iniparser). A missing file gives

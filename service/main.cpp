@@ -2,6 +2,7 @@
 // (GPS_PLATFORM_ROOT) and its platform.ini say everything.
 #include <cstdio>
 
+#include "export/exporter.h"
 #include "platform/oem.h"
 #include "platform/os.h"
 #include "service/gps_core.h"
@@ -29,6 +30,8 @@ int main() {
   {
     GPSCore core(&service);
     service.addInterface(&core);
+    // The gpsd endpoint and the chrony source, when platform.ini names them.
+    const auto exporter = gps::exporter::Exporter::StartConfigured();
     const halvorda::os::Error registered = directory->add(service.getServiceClass(), service.getAddress());
     directory->setReady();
     directory->disconnect();
