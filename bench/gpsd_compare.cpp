@@ -347,8 +347,8 @@ int main(int argc, char** argv) {
   const auto peerUs = latencies(peer);
   std::printf("\nGGA last byte on the line -> TPV at a watcher\n");
   for (const auto& [name, us] : {std::pair{ours.name, oursUs}, std::pair{peer.name, peerUs}})
-    std::printf("  %-12s p50 %9.1f us   p99 %9.1f us   (%zu epochs)\n", name, Percentile(us, 50), Percentile(us, 99),
-                us.size());
+    std::printf("  %-12s p50 %9.1f us   p90 %9.1f us   p99 %9.1f us   max %9.1f us   (%zu epochs)\n", name,
+                Percentile(us, 50), Percentile(us, 90), Percentile(us, 99), Percentile(us, 100), us.size());
   if (!oursUs.empty() && !peerUs.empty())
     std::printf("  p99 ratio gps-service / gpsd: %.3f (goal: at most 0.5)\n",
                 Percentile(oursUs, 99) / Percentile(peerUs, 99));

@@ -1,5 +1,6 @@
 #include "export/record_view.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -201,11 +202,21 @@ RecordView ConvertRecord(const gps_private_info_t& r, uint32_t now, uint32_t aft
 }
 
 RecordView ReadRecord(uint32_t afterSequence, bool withMessages) {
-  // The record is large (tables, bitmaps, the message log): one copy per
-  // thread, reused, so the lock is held for one memcpy and nothing else.
+  // The record is large; one copy per thread, reused. Under the lock: the
+  // fields before the message log, and only the log entries not seen yet.
   thread_local gps_private_info_t copy;
+  constexpr size_t kHead = offsetof(gps_private_info_t, message_log);
   lib_GPS_Lock();
-  std::memcpy(static_cast<void*>(&copy), &gps_private_info, sizeof copy);
+  std::memcpy(static_cast<void*>(&copy), &gps_private_info, kHead);
+  if (withMessages) {
+    const uint32_t pending = copy.message_sequence - afterSequence;
+    const uint32_t count = pending > GPS_MESSAGE_LOG_CAPACITY ? GPS_MESSAGE_LOG_CAPACITY : pending;
+    for (uint32_t n = 0; n < count; ++n) {
+      const uint32_t slot = (copy.message_sequence - n) % GPS_MESSAGE_LOG_CAPACITY;
+      std::memcpy(static_cast<void*>(&copy.message_log[slot]), &gps_private_info.message_log[slot],
+                  sizeof copy.message_log[slot]);
+    }
+  }
   lib_GPS_Unlock();
   return ConvertRecord(copy, OS_rtc_GetTickCounter(), afterSequence, withMessages);
 }
