@@ -31,7 +31,7 @@ TEST(GpsdCommandReader, CutsAndParsesCommands) {
        {CommandKind::Version, CommandKind::Devices, CommandKind::Poll}, ""},
       {"a command split across reads", {"?WAT", "CH={\"enable\":tr", "ue,\"json\":true};"}, {CommandKind::Watch}, ""},
       {"line end without ';'", {"?POLL\n"}, {CommandKind::Poll}, ""},
-      {"';' inside a string does not end the object", {"?WATCH={\"device\":\"a;b\"};"}, {CommandKind::Watch}, ""},
+      {"'}' and ';' inside a string end nothing", {"?WATCH={\"device\":\"a};b\"};"}, {CommandKind::Watch}, ""},
       {"an unfinished object ended by the line", {"?WATCH={\n?VERSION;"},
        {CommandKind::Error, CommandKind::Version}, "not a JSON object"},
       {"unknown command", {"?FOO;"}, {CommandKind::Error}, "Unrecognized request 'FOO'"},

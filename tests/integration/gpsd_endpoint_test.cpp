@@ -214,33 +214,70 @@ TEST_F(GpsdEndpoint, CgpsUnderTmuxShows3DFix) {
   EXPECT_TRUE(shown) << screen;
 }
 
+// The simulator's own time against the system clock [s]: an RMC's time and
+// date against the system clock when the sentence arrives through the
+// endpoint. The simulator does not start its epochs on whole seconds.
+double SimulatorOffsetS(int port) {
+  const int fd = ConnectTcp(port);
+  const std::string watch = "?WATCH={\"enable\":true,\"nmea\":true,\"json\":false};";
+  ::send(fd, watch.data(), watch.size(), MSG_NOSIGNAL);
+  double offset = 1e9;
+  for (int epochs = 0; epochs < 3;) {
+    const std::string line = ReadUntil(fd, [](const std::string& l) { return l.find("RMC,") == 3; });
+    const auto now = std::chrono::system_clock::now();
+    const auto f = Split(line, ',');
+    if (f.size() < 10 || f[1].size() < 6 || f[9].size() != 6) break;
+    std::tm t{};
+    t.tm_hour = std::stoi(f[1].substr(0, 2));
+    t.tm_min = std::stoi(f[1].substr(2, 2));
+    t.tm_mday = std::stoi(f[9].substr(0, 2));
+    t.tm_mon = std::stoi(f[9].substr(2, 2)) - 1;
+    t.tm_year = 100 + std::stoi(f[9].substr(4, 2));
+    const double simS = static_cast<double>(timegm(&t)) + std::stod(f[1].substr(4));
+    offset = simS - std::chrono::duration<double>(now.time_since_epoch()).count();
+    ++epochs;
+  }
+  ::close(fd);
+  return offset;
+}
+
 // chronyd, not allowed to touch the clock, takes the daemon's samples as a
-// reachable source whose offset is within 0.2 s: the simulator keeps the
-// system clock's time.
+// reachable source whose offset is within 0.2 s of the simulator's own
+// offset from the system clock (the simulator does not start on a whole second).
 TEST_F(GpsdEndpoint, ChronydReachesTheTimeSource) {
   RequireProgram("/usr/sbin/chronyd", "chrony");
   RequireProgram("/usr/bin/chronyc", "chrony");
   const std::string conf = root_ / "chrony.conf";
   const std::string command = root_ / "chronyd.sock";
-  std::ofstream(conf) << "refclock SOCK " << (root_ / "chrony.gps.sock") << " refid GPS poll 0\n"
+  // noselect: chronyd measures the source but steers no clock with it, not
+  // even the virtual one -x keeps, so its offsets stay the samples' own.
+  std::ofstream(conf) << "refclock SOCK " << (root_ / "chrony.gps.sock") << " refid GPS poll 0 noselect\n"
                       << "driftfile " << (root_ / "chrony.drift") << "\n"
                       << "pidfile " << (root_ / "chronyd.pid") << "\n"
                       << "bindcmdaddress " << command << "\ncmdport 0\n";
   ChildProcess chronyd({"/usr/sbin/chronyd", "-u", "root", "-x", "-d", "-f", conf}, root_ / "chronyd.log");
+  const double simulatorOffset = SimulatorOffsetS(port_);
+  ASSERT_LT(std::fabs(simulatorOffset), 1.5) << "the simulator's time comes from the system clock";
   std::string sources;
+  double chronyOffset = 1e9;
   const bool reached = WaitFor(
       [&] {
         sources = Shell("/usr/bin/chronyc -h " + command + " -n -c sources", 5);
         for (const std::string& line : Split(sources, '\n')) {
           const auto f = Split(line, ',');
-          if (f.size() >= 8 && f[2] == "GPS" && f[5] != "0") return std::fabs(std::stod(f[7])) < 0.2;
+          if (f.size() < 8 || f[2] != "GPS" || f[5] == "0") continue;
+          // chronyc shows the local clock against the source (positive: the
+          // system clock is ahead), the opposite sign of the simulator's offset.
+          chronyOffset = std::stod(f[7]);
+          return std::fabs(chronyOffset + simulatorOffset) < 0.2;
         }
         return false;
       },
       15s);
-  EXPECT_TRUE(reached) << sources << "\n" << Shell("/usr/bin/chronyc -h " + command + " -n sources", 5);
   std::ifstream log(root_ / "chronyd.log");
-  EXPECT_TRUE(reached) << std::string(std::istreambuf_iterator<char>(log), {});
+  EXPECT_TRUE(reached) << "chrony's offset " << chronyOffset << " s, the simulator's " << simulatorOffset << " s\n"
+                       << sources << Shell("/usr/bin/chronyc -h " + command + " -n sources", 5)
+                       << std::string(std::istreambuf_iterator<char>(log), {});
 }
 
 // Malformed commands get an ERROR and the connection stays; 200 idle
@@ -287,6 +324,29 @@ TEST_F(GpsdEndpoint, MalformedCommandsAndIdleCrowdLeaveTheServiceServing) {
   EXPECT_EQ(gps::test::SchemaProblems(nlohmann::json::parse(reply)), "") << reply;
   ::close(unixFd);
   EXPECT_NE(ServiceLog().find("gpsd endpoint: listening on"), std::string::npos) << ServiceLog();
+}
+
+}  // namespace
+
+namespace {
+
+// gps-servicectl's sky and time views, read from the endpoint.
+TEST_F(GpsdEndpoint, ServicectlSkyAndTime) {
+  ASSERT_TRUE(WaitFor([&] { return Shell(std::string(SERVICECTL_BINARY) + " sky", 5).find(" yes\n") != std::string::npos; }));
+  const std::string sky = Shell(std::string(SERVICECTL_BINARY) + " sky", 5);
+  int inView = 0, used = 0;
+  ASSERT_EQ(std::sscanf(sky.c_str(), "Satellites in view: %d, used: %d", &inView, &used), 2) << sky;
+  EXPECT_GT(inView, 0) << sky;
+  EXPECT_GT(used, 0) << sky;
+  EXPECT_LE(used, inView) << sky;
+
+  const std::string time = Shell(std::string(SERVICECTL_BINARY) + " time", 10);
+  const size_t at = time.find("Difference:");
+  ASSERT_NE(at, std::string::npos) << time;
+  EXPECT_LT(std::fabs(std::atof(time.c_str() + at + 11)), 0.5) << "the simulator keeps the system clock's time\n" << time;
+  EXPECT_NE(time.find("(fix from sim)"), std::string::npos) << time;
+  EXPECT_NE(time.find("Chrony source: " + (root_ / "chrony.gps.sock") + ", no chronyd listening"), std::string::npos)
+      << time;
 }
 
 }  // namespace
