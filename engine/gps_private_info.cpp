@@ -48,6 +48,9 @@ void lib_GPS_ResetInfos(gps_private_info_t* infos) {
   infos->nav_clock_tick = 0;
   infos->nav_status_tick = 0;
   infos->gsv_group_tick = 0;
+  infos->gsa_tick = 0;
+  infos->gsa_fix_type = 0;
+  infos->gsa_used_count = 0;
   std::memset(infos->nav_pvt, 0, sizeof infos->nav_pvt);
   infos->nav_pvt_tick = 0;
   std::memset(infos->nav_clock, 0, sizeof infos->nav_clock);
@@ -86,6 +89,23 @@ void lib_GPS_NotifyListeners(gps_private_info_t* infos, uint32_t events) {
   for (int32_t i = 0; i < count; ++i) {
     if (infos->listeners[i].mask & events) SignalEvent(infos->listeners[i].listener_fd);
   }
+  lib_GPS_Unlock();
+}
+
+void lib_GPS_LogMessage(gps_private_info_t* infos, uint32_t type, const uint8_t* bytes, uint32_t length,
+                        int64_t receivedNs, uint32_t lineBytes) {
+  const uint32_t stored = length < GPS_MESSAGE_LOG_BYTES ? length : GPS_MESSAGE_LOG_BYTES;
+  lib_GPS_Lock();
+  const uint32_t sequence = infos->message_sequence + 1;
+  gps_logged_message_t& entry = infos->message_log[sequence % GPS_MESSAGE_LOG_CAPACITY];
+  entry.sequence = sequence;
+  entry.type = type;
+  entry.length = length;
+  entry.stored = stored;
+  entry.received_ns = receivedNs;
+  entry.line_bytes = lineBytes;
+  std::memcpy(entry.bytes, bytes, stored);
+  infos->message_sequence = sequence;
   lib_GPS_Unlock();
 }
 

@@ -23,6 +23,13 @@ inline constexpr uint32_t GPS_EVENT_MODULE_RESET = 0x800;
 inline constexpr int GPS_MAX_LISTENERS = 32;
 inline constexpr int GPS_GSV_STAGING_CAPACITY = 64;
 inline constexpr uint32_t GPS_INVALID_HANDLE = 0xFFFFFFFFu;
+// Satellites a GSA group may list as used (12 a sentence, several sentences
+// with a multi-constellation talker).
+inline constexpr int GPS_GSA_USED_CAPACITY = 64;
+// Recent receiver messages kept for readers that repeat them (the outward
+// JSON endpoint): a ring of the last messages, each cut to its first bytes.
+inline constexpr int GPS_MESSAGE_LOG_CAPACITY = 64;
+inline constexpr uint32_t GPS_MESSAGE_LOG_BYTES = 256;
 
 // external_command_flags bits.
 inline constexpr uint32_t GPS_COMMAND_COLD_RESTART = 0x1;
@@ -43,6 +50,16 @@ struct gps_satellite_t {
 struct gps_event_listener_t {
   uint16_t listener_fd;  // eventfd
   uint32_t mask;         // GPS_EVENT_* bits
+};
+
+struct gps_logged_message_t {
+  uint32_t sequence;        // message_sequence when it was logged
+  uint32_t type;            // 1 NMEA, 2 UBX (gps_message_type_t)
+  uint32_t length;          // bytes of the whole message
+  uint32_t stored;          // bytes kept below, at most GPS_MESSAGE_LOG_BYTES
+  int64_t received_ns;      // CLOCK_REALTIME when the chunk holding it was read [ns]
+  uint32_t line_bytes;      // bytes from its first byte to the end of that chunk
+  uint8_t bytes[GPS_MESSAGE_LOG_BYTES];
 };
 
 struct gps_private_info_t {
@@ -84,6 +101,14 @@ struct gps_private_info_t {
   uint32_t sat_view_count;
   gps_satellite_t sat_prn_1_32[32];
   gps_satellite_t sat_prn_33_64[32];
+
+  // Fix type, satellites used and dilution (GSA)
+  uint32_t gsa_tick;
+  uint8_t gsa_fix_type;  // 1 no fix, 2 2D, 3 3D; 0 none seen
+  uint32_t gsa_used_count;
+  uint32_t gsa_used_prn[GPS_GSA_USED_CAPACITY];
+  char pdop[16];
+  char vdop[16];
 
   // Date, dilution and differential data
   char date[16];
@@ -136,6 +161,10 @@ struct gps_private_info_t {
   uint32_t nav_status_tick;
 
   int32_t antOffPolarity;
+
+  // The last GPS_MESSAGE_LOG_CAPACITY messages: entry sequence % capacity.
+  uint32_t message_sequence;  // messages logged so far
+  gps_logged_message_t message_log[GPS_MESSAGE_LOG_CAPACITY];
 };
 
 extern gps_private_info_t gps_private_info;
@@ -168,6 +197,11 @@ void lib_GPS_ResetModuleVersion(gps_private_info_t* infos);
 
 void SignalEvent(int eventFd);
 int ClearEvent(int eventFd);
+
+// Keeps a copy of a complete receiver message in the message log; takes the
+// lock itself. receivedNs and lineBytes place its first byte on the line.
+void lib_GPS_LogMessage(gps_private_info_t* infos, uint32_t type, const uint8_t* bytes, uint32_t length,
+                        int64_t receivedNs, uint32_t lineBytes);
 
 // Takes the lock itself: callers must not hold it.
 void lib_GPS_NotifyListeners(gps_private_info_t* infos, uint32_t events);

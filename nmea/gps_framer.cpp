@@ -1,6 +1,7 @@
 #include "nmea/gps_framer.h"
 
 #include <cstring>
+#include <ctime>
 #include <unistd.h>
 
 #include "nmea/nmea_parser.h"
@@ -103,7 +104,21 @@ uint32_t HandleUbxPayload(gps_message_t* m, uint8_t byte) {
   return 1;
 }
 
-void DispatchMessage(gps_private_info_t* infos, gps_message_t* m) {
+// When the chunk being framed was read, and how many of its bytes are left
+// after the current position: a message's first byte came lineBytes before
+// the chunk's end.
+struct ChunkClock {
+  int64_t receivedNs = 0;
+  uint32_t bytesAfter = 0;
+};
+
+int64_t RealtimeNs() {
+  timespec ts{};
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+void DispatchMessage(gps_private_info_t* infos, gps_message_t* m, const ChunkClock& clock) {
   if (lib_GPS_LoggingEnabled(infos)) {
     lib_GPS_Trace(3, "analyze_gps: record module traces (length = %i).", static_cast<int>(m->length));
     lib_GPS_LogModuleTraces(infos, m->buffer, m->length);
@@ -111,6 +126,9 @@ void DispatchMessage(gps_private_info_t* infos, gps_message_t* m) {
   if (infos->com_transp_handle != -1) {
     [[maybe_unused]] ssize_t ignored = write(infos->com_transp_handle, m->buffer, m->length);
   }
+  // Logged before analysis: the NMEA analyser cuts the sentence in place.
+  const uint32_t kept = m->length < GPS_FRAME_BUFFER_BYTES ? m->length : GPS_FRAME_BUFFER_BYTES;
+  lib_GPS_LogMessage(infos, m->type, m->buffer, kept, clock.receivedNs, clock.bytesAfter + kept);
   if (m->type == MESSAGE_TYPE_NMEA) {
     lib_GPS_Trace(7, "MESSAGE_TYPE_NMEA");
     analyze_gps_nmea_message(infos, m);
@@ -147,6 +165,7 @@ void analyze_gps(gps_private_info_t* infos, gps_message_t* message, const uint8_
   // afresh; the modem's stream is cut anywhere and carries over.
   if (infos->module_type == GPS_MODULE_TYPE_UBX_G7020 || infos->module_type == GPS_MODULE_TYPE_UBX_M8030)
     message->state = FRAME_STATE_IDLE;
+  ChunkClock clock{RealtimeNs(), 0};
   uint32_t i = 0;
   while (i < count) {
     if (message->state == FRAME_STATE_NMEA) {
@@ -162,11 +181,15 @@ void analyze_gps(gps_private_info_t* infos, gps_message_t* message, const uint8_
       i = end;
       if (lf) {
         message->state = FRAME_STATE_IDLE;
-        DispatchMessage(infos, message);
+        clock.bytesAfter = count - i;
+        DispatchMessage(infos, message, clock);
       }
       continue;
     }
-    if (gps_message_feed(message, data[i++])) DispatchMessage(infos, message);
+    if (gps_message_feed(message, data[i++])) {
+      clock.bytesAfter = count - i;
+      DispatchMessage(infos, message, clock);
+    }
   }
 }
 

@@ -148,7 +148,34 @@ void analyze_gps_message_gxgga(gps_private_info_t* infos, char** tokens, int cou
 }
 
 // $GNGSA,A,3,01,11,31,14,22,32,04,25,03,,,,1.56,0.91,1.27*15
-void analyze_gps_message_gxgsa(gps_private_info_t*, char**, int) { lib_GPS_Trace(7, "analyze_gps_message_gxgsa"); }
+// A receiver tracking several constellations sends one GSA per constellation
+// in the same burst: sentences within kGsaGroupTicks of the group's first add
+// their satellites to it.
+void analyze_gps_message_gxgsa(gps_private_info_t* infos, char** tokens, int count) {
+  constexpr uint32_t kGsaGroupTicks = 20;
+  lib_GPS_Trace(7, "analyze_gps_message_gxgsa");
+  if (count < 17) return;
+  const uint32_t tick = OS_rtc_GetTickCounter();
+  const char mode = tokens[1][0];
+  lib_GPS_Lock();
+  if (infos->gsa_tick == 0 || TicksElapsed(tick, infos->gsa_tick, kGsaGroupTicks + 1)) {
+    infos->gsa_tick = tick == 0 ? 1 : tick;
+    infos->gsa_used_count = 0;
+  }
+  infos->gsa_fix_type = (mode >= '1' && mode <= '3') ? static_cast<uint8_t>(mode - '0') : 1;
+  for (int i = 2; i < 14; ++i) {
+    const int32_t prn = lib_GPS_util_ParseDecimalDigits(tokens[i]);
+    if (prn <= 0 || infos->gsa_used_count >= GPS_GSA_USED_CAPACITY) continue;
+    infos->gsa_used_prn[infos->gsa_used_count++] = static_cast<uint32_t>(prn);
+  }
+  lib_GPS_CopyField(infos->pdop, sizeof infos->pdop, tokens[14]);
+  // The last field carries the checksum suffix.
+  char vdop[sizeof infos->vdop] = {};
+  for (uint32_t n = 0; n + 1 < sizeof vdop && tokens[16][n] != '\0' && tokens[16][n] != '*' && tokens[16][n] != '\r'; ++n)
+    vdop[n] = tokens[16][n];
+  lib_GPS_CopyField(infos->vdop, sizeof infos->vdop, vdop);
+  lib_GPS_Unlock();
+}
 
 // $GPGSV,4,1,13,01,53,280,36,03,29,301,24,04,55,223,37,08,38,166,16*7C
 // Only message number 1 starts a group; messages 10 to 19 continue one. PRNs

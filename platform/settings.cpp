@@ -219,6 +219,9 @@ Settings Load() {
          target.c_str());
   }
   s.simScenario = iniparser_getstring(ini, "sim:scenario", "");
+  s.gpsdListen = iniparser_getstring(ini, "gpsd:listen", "");
+  s.gpsdSocket = iniparser_getstring(ini, "gpsd:socket", "");
+  s.chronySocket = iniparser_getstring(ini, "chrony:socket", "");
   iniparser_freedict(ini);
   return s;
 }

@@ -25,6 +25,9 @@ struct Settings {
   // naming the file and line; empty when it can. When set, the other fields
   // hold their defaults and the service refuses to start.
   std::string unusable;
+  std::string gpsdListen;         // [gpsd] listen: TCP addresses of the JSON endpoint; empty: none
+  std::string gpsdSocket;         // [gpsd] socket: its Unix socket below the root; empty: none
+  std::string chronySocket;       // [chrony] socket: chronyd's SOCK refclock socket; empty: none
 };
 
 // Settings of the current root, loaded once (iniparser). A missing file gives

@@ -19,6 +19,7 @@
 #include <string>
 
 #include "engine/gps_thread.h"
+#include "export/exporter.h"
 #include "platform/oem.h"
 #include "platform/os.h"
 #include "platform/root.h"
@@ -220,6 +221,8 @@ int main() {
     }
     GPSCore core(&service);
     service.addInterface(&core);
+    // The gpsd endpoint and the chrony source, when platform.ini names them.
+    const auto exporter = gps::exporter::Exporter::StartConfigured();
     // Says where fixes come from, for gps-servicectl: a simulated position
     // must never pass for a measured one.
     const std::string& device = gps::platform::CurrentSettings().device;

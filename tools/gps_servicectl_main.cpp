@@ -15,6 +15,7 @@
 
 #include "client/format.h"
 #include "client/gps_client.h"
+#include "client/gpsd_view.h"
 #include "client/stored_parameters.h"
 #include "platform/service/directory.h"
 
@@ -229,6 +230,9 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(10, 3'600'000))
       ->capture_default_str();
 
+  CLI::App* sky = app.add_subcommand("sky", "Satellites in view and used, with their signal (needs [gpsd])");
+  CLI::App* time = app.add_subcommand("time", "The receiver's UTC time against the system clock, and chrony's source");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -262,6 +266,12 @@ int main(int argc, char** argv) {
     const auto stored = gps::client::UpdateStoredParameters(*change);
     if (!stored) return Report(stored.error());
     Print(ParametersText(*stored));
+    return kExitOk;
+  }
+  if (sky->parsed() || time->parsed()) {
+    const auto view = sky->parsed() ? gps::client::SkyView(timeout) : gps::client::TimeView(timeout);
+    if (!view) return Report(view.error());
+    Print(*view);
     return kExitOk;
   }
   if (watch->parsed()) return Watch(timeout, once ? 1 : count, std::chrono::milliseconds(intervalMs));
