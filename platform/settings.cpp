@@ -66,6 +66,7 @@ Settings Load() {
                  file.c_str(), target.c_str());
   }
   s.simScenario = iniparser_getstring(ini, "sim:scenario", "");
+  s.maxConnectionsPerUser = ReadInt(ini, "service:max_connections_per_user", s.maxConnectionsPerUser, 1, 65536, file);
   iniparser_freedict(ini);
   return s;
 }

@@ -15,6 +15,7 @@ struct Settings {
   int logThreshold = 6;
   LogTarget logTarget = LogTarget::Syslog;
   std::string simScenario;        // empty: the simulator's built-in route
+  int maxConnectionsPerUser = 64; // service connections one ordinary uid may hold
 };
 
 // Settings of the current root, loaded once (iniparser). A missing file gives
