@@ -297,10 +297,12 @@ TEST(ServiceTest, AFrameLeftUnfinishedClosesItsConnection) {
   const std::vector<uint8_t> frame = RequestFrame(SetGetStateRequest(), 1);
   const auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(half.sendBytes(std::vector<uint8_t>(frame.begin(), frame.begin() + 10), kWaitMs), 0);
-  for (size_t sent = 0; sent < 12; ++sent) {
+  // A byte every 100 ms for 2 s: never quiet for the limit, still closed.
+  for (size_t sent = 0; sent < 20; ++sent) {
     trickle.sendBytes(std::vector<uint8_t>(frame.begin() + sent, frame.begin() + sent + 1), kWaitMs);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
+  EXPECT_EQ(running.service.connectionCount(), 1u);
   EXPECT_TRUE(ClosedByPeer(half));
   EXPECT_TRUE(ClosedByPeer(trickle));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(400));
