@@ -19,8 +19,8 @@ namespace {
 
 constexpr int kRendezvousAttempts = 5;
 constexpr int kRendezvousWaitMs = 1000;
-constexpr uint32_t kMinFixUpdatePeriodMs = 1000;
-constexpr uint32_t kMaxFixUpdatePeriodMs = 86400000;
+constexpr uint32_t kMinFixUpdatePeriodMs = GPS_MIN_FIX_UPDATE_PERIOD_MS;
+constexpr uint32_t kMaxFixUpdatePeriodMs = GPS_MAX_FIX_UPDATE_PERIOD_MS;
 
 enum class Answer { kReceived, kTimeout, kFailed };
 

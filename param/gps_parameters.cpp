@@ -1,10 +1,14 @@
 #include "param/gps_parameters.h"
 
 #include <cstdio>
+#include <cstddef>
 #include <cstring>
+#include <string>
 
+#include "assist/assistnow.h"
 #include "platform/fs.h"
 #include "platform/os.h"
+#include "platform/root.h"
 
 gps_parameters_t gps_parameters;
 
@@ -32,6 +36,135 @@ int SetPolicy(int32_t& field, int32_t value) {
     lib_GPS_param_SaveParameters();
   }
   return 0;
+}
+
+// Form checks of the stored texts, on the text before the terminator.
+bool Digits(const char* text, size_t count) {
+  for (size_t i = 0; i < count; ++i)
+    if (text[i] < '0' || text[i] > '9') return false;
+  return true;
+}
+
+int Number(const char* text, size_t count) {
+  int value = 0;
+  for (size_t i = 0; i < count; ++i) value = value * 10 + (text[i] - '0');
+  return value;
+}
+
+// Length of a last-data text; a field without terminator counts as too long.
+size_t LastDataLength(const char* field) { return strnlen(field, GPS_LAST_DATA_TEXT_BYTES); }
+
+// "DDMM.fN": degreeDigits of degrees up to maxDegrees, two of minutes below
+// 60, a point, at least one digit of fraction, the hemisphere.
+bool IsCoordinate(const char* text, size_t length, size_t degreeDigits, int maxDegrees, char positive, char negative) {
+  const size_t point = degreeDigits + 2;
+  if (length < point + 3 || !Digits(text, point) || text[point] != '.') return false;
+  if (!Digits(text + point + 1, length - point - 2)) return false;
+  const char hemisphere = text[length - 1];
+  if (hemisphere != positive && hemisphere != negative) return false;
+  const int degrees = Number(text, degreeDigits);
+  const int minutes = Number(text + degreeDigits, 2);
+  return minutes < 60 && (degrees < maxDegrees || (degrees == maxDegrees && minutes == 0));
+}
+
+// "-12.5", "0.91": digits, an optional fraction after a point.
+bool IsDecimal(const char* text, size_t length, bool mayBeNegative) {
+  if (mayBeNegative && length > 0 && text[0] == '-') {
+    ++text;
+    --length;
+  }
+  size_t whole = 0;
+  while (whole < length && text[whole] >= '0' && text[whole] <= '9') ++whole;
+  if (whole == 0) return false;
+  if (whole == length) return true;
+  return text[whole] == '.' && whole + 1 < length && Digits(text + whole + 1, length - whole - 1);
+}
+
+bool IsDate(const char* text, size_t length) {  // dd/mm/yyyy
+  if (length != 10 || text[2] != '/' || text[5] != '/' || !Digits(text, 2) || !Digits(text + 3, 2) ||
+      !Digits(text + 6, 4))
+    return false;
+  const int day = Number(text, 2);
+  const int month = Number(text + 3, 2);
+  return day >= 1 && day <= 31 && month >= 1 && month <= 12;
+}
+
+bool IsTime(const char* text, size_t length) {  // HHhMMmSSs
+  if (length != 9 || text[2] != 'h' || text[5] != 'm' || text[8] != 's' || !Digits(text, 2) ||
+      !Digits(text + 3, 2) || !Digits(text + 6, 2))
+    return false;
+  return Number(text, 2) < 24 && Number(text + 3, 2) < 60 && Number(text + 6, 2) <= 60;
+}
+
+// Empty, or of the form the engine writes. Names the first field that is not.
+const char* DamagedFixField(const gps_parameters_t& p) {
+  struct Text {
+    const char* name;
+    const char* field;
+    bool (*valid)(const char*, size_t);
+  };
+  const Text texts[] = {
+      {"date", p.date, IsDate},
+      {"time", p.time, IsTime},
+      {"latitude", p.latitude, [](const char* t, size_t n) { return IsCoordinate(t, n, 2, 90, 'N', 'S'); }},
+      {"longitude", p.longitude, [](const char* t, size_t n) { return IsCoordinate(t, n, 3, 180, 'E', 'W'); }},
+      {"hdop", p.hdop, [](const char* t, size_t n) { return IsDecimal(t, n, false); }},
+      {"altitude", p.altitude, [](const char* t, size_t n) { return IsDecimal(t, n, true); }},
+      {"courseTrue", p.courseTrue, [](const char* t, size_t n) { return IsDecimal(t, n, false); }},
+      {"courseMagnetic", p.courseMagnetic, [](const char* t, size_t n) { return IsDecimal(t, n, false); }},
+      {"speedKnots", p.speedKnots, [](const char* t, size_t n) { return IsDecimal(t, n, false); }},
+      {"speedKmh", p.speedKmh, [](const char* t, size_t n) { return IsDecimal(t, n, false); }},
+  };
+  for (const Text& text : texts) {
+    const size_t length = LastDataLength(text.field);
+    if (length == GPS_LAST_DATA_TEXT_BYTES || (length > 0 && !text.valid(text.field, length))) return text.name;
+  }
+  if ((LastDataLength(p.latitude) == 0) != (LastDataLength(p.longitude) == 0)) return "position";
+  return nullptr;
+}
+
+void CheckSetting(int32_t& value, int32_t low, int32_t high, int32_t fallback, const char* name, const char* path) {
+  if (value >= low && value <= high) return;
+  Sys_log(3, "lib_GPS_param_RestorePersistentStorage: %s: %s = %i is outside %i to %i; using %i.", path, name,
+          static_cast<int>(value), static_cast<int>(low), static_cast<int>(high), static_cast<int>(fallback));
+  value = fallback;
+}
+
+void CheckSetting(char (&text)[GPS_PARAMETER_TEXT_BYTES], const char (&fallback)[GPS_PARAMETER_TEXT_BYTES],
+                  const char* name, const char* path) {
+  if (strnlen(text, sizeof text) < sizeof text) return;
+  Sys_log(3, "lib_GPS_param_RestorePersistentStorage: %s: %s is not a terminated text; using the default.", path, name);
+  std::memcpy(text, fallback, sizeof text);
+}
+
+void CheckRestored(gps_parameters_t& p) {
+  char file[64];
+  ParametersPath(file);
+  const std::string path = gps::platform::Root() + "/fs" + file;
+  gps_parameters_t d;
+  lib_GPS_param_BuildDefaultParameters(&d);
+  CheckSetting(p.power_mode_policy, 0, 1, d.power_mode_policy, "power_mode_policy", path.c_str());
+  CheckSetting(p.assistance_policy, 0, static_cast<int32_t>(ASSISTNOW_RESERVED), d.assistance_policy, "assistance_policy", path.c_str());
+  CheckSetting(p.connection_policy, 0, 0, d.connection_policy, "connection_policy", path.c_str());
+  CheckSetting(p.online_server_port, 1, 65535, d.online_server_port, "online_server_port", path.c_str());
+  CheckSetting(p.offline_server_port, 1, 65535, d.offline_server_port, "offline_server_port", path.c_str());
+  CheckSetting(p.requestedFixUpdatePeriodInms, static_cast<int32_t>(GPS_MIN_FIX_UPDATE_PERIOD_MS),
+               static_cast<int32_t>(GPS_MAX_FIX_UPDATE_PERIOD_MS),
+               d.requestedFixUpdatePeriodInms, "requestedFixUpdatePeriodInms", path.c_str());
+  CheckSetting(p.gprs_apn, d.gprs_apn, "gprs_apn", path.c_str());
+  CheckSetting(p.gprs_login, d.gprs_login, "gprs_login", path.c_str());
+  CheckSetting(p.gprs_password, d.gprs_password, "gprs_password", path.c_str());
+  CheckSetting(p.online_server_address, d.online_server_address, "online_server_address", path.c_str());
+  CheckSetting(p.online_server_username, d.online_server_username, "online_server_username", path.c_str());
+  CheckSetting(p.online_server_password, d.online_server_password, "online_server_password", path.c_str());
+  CheckSetting(p.offline_server_address, d.offline_server_address, "offline_server_address", path.c_str());
+  CheckSetting(p.offline_server_file, d.offline_server_file, "offline_server_file", path.c_str());
+  if (const char* damaged = DamagedFixField(p)) {
+    Sys_log(3, "lib_GPS_param_RestorePersistentStorage: %s: the stored fix is damaged (%s); discarded.", path.c_str(),
+            damaged);
+    constexpr size_t kFixStart = offsetof(gps_parameters_t, date);
+    std::memset(reinterpret_cast<char*>(&p) + kFixStart, 0, sizeof p - kFixStart);
+  }
 }
 
 }  // namespace
@@ -140,7 +273,9 @@ int lib_GPS_param_SaveParameters(void) { return lib_GPS_param_UpdateParametersFi
 int lib_GPS_param_RestorePersistentStorage(void) {
   Sys_log(7, "lib_GPS_param_RestorePersistentStorage.");
   lib_GPS_param_CreateParametersFileIfNecessary();
-  return lib_GPS_param_ReadParametersFile(&gps_parameters);
+  const int read = lib_GPS_param_ReadParametersFile(&gps_parameters);
+  if (read == 0) CheckRestored(gps_parameters);
+  return read;
 }
 
 void lib_GPS_param_LogParameters(const gps_parameters_t* p) {

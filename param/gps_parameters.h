@@ -65,6 +65,9 @@ inline constexpr const char* GPS_DEFAULT_OFFLINE_SERVER = "offline-live1.service
 inline constexpr const char* GPS_DEFAULT_OFFLINE_FILE = "current_14d.alp";
 inline constexpr int32_t GPS_DEFAULT_OFFLINE_PORT = 80;
 inline constexpr int32_t GPS_DEFAULT_FIX_UPDATE_PERIOD_MS = 1000;
+// The fix update periods a caller may ask for.
+inline constexpr uint32_t GPS_MIN_FIX_UPDATE_PERIOD_MS = 1000;
+inline constexpr uint32_t GPS_MAX_FIX_UPDATE_PERIOD_MS = 86400000;
 
 void lib_GPS_param_BuildDefaultParameters(gps_parameters_t* params);
 
@@ -73,6 +76,24 @@ struct FILE_FS_File* lib_GPS_param_OpenParametersFile(void);
 int lib_GPS_param_ReadParametersFile(gps_parameters_t* destination);
 int lib_GPS_param_UpdateParametersFile(const gps_parameters_t* source);
 int lib_GPS_param_SaveParameters(void);
+// Start-up: creates the disk and a default file when there is none, then
+// reads the record and checks it, which departs on purpose from taking the
+// record back byte for byte: the file may have rotted, been truncated or come
+// from elsewhere, and its texts go to clients.
+//  - The stored fix (date, time, position, HDOP, altitude, course and speed)
+//    must have the forms the engine writes: each text terminated within its
+//    16 bytes and either empty or latitude "DDMM.f...N|S" (degrees up to 90,
+//    minutes below 60), longitude "DDDMM.f...E|W" (degrees up to 180), the
+//    two both present or both empty, date "dd/mm/yyyy", time "HHhMMmSSs",
+//    altitude a decimal number, HDOP, courses and speeds unsigned decimal
+//    numbers. Otherwise the whole stored fix is treated as absent (zeroed)
+//    and one level-3 line names the file: a fix made of partly damaged texts
+//    is no position a receiver measured.
+//  - Settings outside their range take their default, one level-3 line each:
+//    power mode 0 or 1, assistance 0 to ASSISTNOW_RESERVED, connection 0,
+//    ports 1 to 65535, fix update period GPS_MIN_ to GPS_MAX_FIX_UPDATE_PERIOD_MS,
+//    texts terminated within their 128 bytes.
+// The file itself is left as it is; the next save writes the checked record.
 int lib_GPS_param_RestorePersistentStorage(void);
 void lib_GPS_param_LogParameters(const gps_parameters_t* params);
 

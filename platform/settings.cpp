@@ -222,6 +222,7 @@ Settings Load() {
   s.gpsdListen = iniparser_getstring(ini, "gpsd:listen", "");
   s.gpsdSocket = iniparser_getstring(ini, "gpsd:socket", "");
   s.chronySocket = iniparser_getstring(ini, "chrony:socket", "");
+  s.maxConnectionsPerUser = ReadInt(ini, "service:max_connections_per_user", s.maxConnectionsPerUser, 1, 65536, file);
   iniparser_freedict(ini);
   return s;
 }

@@ -28,6 +28,7 @@ struct Settings {
   std::string gpsdListen;         // [gpsd] listen: TCP addresses of the JSON endpoint; empty: none
   std::string gpsdSocket;         // [gpsd] socket: its Unix socket below the root; empty: none
   std::string chronySocket;       // [chrony] socket: chronyd's SOCK refclock socket; empty: none
+  int maxConnectionsPerUser = 64; // service connections one ordinary uid may hold
 };
 
 // Settings of the current root, loaded once (iniparser). A missing file gives

@@ -45,6 +45,50 @@ Error ReadCurrentText(Query query, Setter set) {
 
 int Digits(const std::string& text, size_t at, size_t count) { return std::atoi(text.substr(at, count).c_str()); }
 
+bool IsUtf8(const std::string& text) {
+  for (size_t i = 0; i < text.size();) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    size_t length = 1;
+    uint32_t lowest = 0;
+    if (lead >= 0xF0 && lead <= 0xF4) {
+      length = 4;
+      lowest = 0x10000;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      length = 3;
+      lowest = 0x800;
+    } else if (lead >= 0xC2 && lead <= 0xDF) {
+      length = 2;
+      lowest = 0x80;
+    } else if (lead >= 0x80) {
+      return false;
+    }
+    if (i + length > text.size()) return false;
+    uint32_t code = length == 1 ? lead : lead & (0x7Fu >> length);
+    for (size_t k = 1; k < length; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xC0) != 0x80) return false;
+      code = (code << 6) | (next & 0x3Fu);
+    }
+    if (code < lowest || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
+    i += length;
+  }
+  return true;
+}
+
+// Clears the singular string fields of the message that are not valid UTF-8.
+void DropInvalidText(google::protobuf::Message& message) {
+  const google::protobuf::Descriptor* descriptor = message.GetDescriptor();
+  const google::protobuf::Reflection* reflection = message.GetReflection();
+  for (int i = 0; i < descriptor->field_count(); ++i) {
+    const google::protobuf::FieldDescriptor* field = descriptor->field(i);
+    if (field->type() != google::protobuf::FieldDescriptor::TYPE_STRING || field->is_repeated() ||
+        !reflection->HasField(message, field) || IsUtf8(reflection->GetString(message, field)))
+      continue;
+    Sys_log(4, "GPS: %s is not UTF-8 text; left out of the state.", field->name().c_str());
+    reflection->ClearField(&message, field);
+  }
+}
+
 }  // namespace
 
 GPSCore::GPSCore(service::Service* service)
@@ -53,7 +97,7 @@ GPSCore::GPSCore(service::Service* service)
       m_iParams(gpsmsg::Parameters::instantiate()) {
   gps_dll_init();
   Sys_log(7, "GPSCore::GPSCore( )_IN");
-  m_service->attachConfig(m_iParams.get(), false);
+  m_storedConfigResult = m_service->attachConfig(m_iParams.get(), false);
   bind(new service::MessageEventBind<GPSCore, service::ConfigurationModifiedEvent>(
       this, &GPSCore::onConfigurationModified, service::ConfigurationModifiedEvent::getMessageTypeStatic(),
       PlatformAndPayment()));
@@ -150,6 +194,7 @@ void GPSCore::fillState(gpsmsg::SetGetStateResponse& response) {
   readHeading(state);
   readHdop(state);
   readAltitude(state);
+  DropInvalidText(state);
 }
 
 Error GPSCore::readTtff(gpsmsg::State& state) {

@@ -35,15 +35,23 @@ class GPSCore : public halvorda::service::Interfacable {
   halvorda::os::Error setPower(int on);
   halvorda::os::Error getPowerState(bool& on);
 
-  void fillState(halvorda::device::gps::SetGetStateResponse& response);
-  halvorda::os::Error readTtff(halvorda::device::gps::State& state);
-  halvorda::os::Error readPosition(halvorda::device::gps::State& state);
-  halvorda::os::Error readDateTime(halvorda::device::gps::State& state);
-  halvorda::os::Error readSpeedKmh(halvorda::device::gps::State& state);
-  halvorda::os::Error readSpeedKnot(halvorda::device::gps::State& state);
-  halvorda::os::Error readHeading(halvorda::device::gps::State& state);
-  halvorda::os::Error readHdop(halvorda::device::gps::State& state);
-  halvorda::os::Error readAltitude(halvorda::device::gps::State& state);
+  // The state from the engine's current or stored fix; a text field that is
+  // not valid UTF-8 (a receiver's or a damaged file's bytes) is left out, as
+  // the client's parser would refuse the whole message.
+  static void fillState(halvorda::device::gps::SetGetStateResponse& response);
+  static halvorda::os::Error readTtff(halvorda::device::gps::State& state);
+  static halvorda::os::Error readPosition(halvorda::device::gps::State& state);
+  static halvorda::os::Error readDateTime(halvorda::device::gps::State& state);
+  static halvorda::os::Error readSpeedKmh(halvorda::device::gps::State& state);
+  static halvorda::os::Error readSpeedKnot(halvorda::device::gps::State& state);
+  static halvorda::os::Error readHeading(halvorda::device::gps::State& state);
+  static halvorda::os::Error readHdop(halvorda::device::gps::State& state);
+  static halvorda::os::Error readAltitude(halvorda::device::gps::State& state);
+
+  // What attaching the stored configuration returned: ERROR_IO when the file
+  // exists and could not be read (the service's configReadErrno() says why;
+  // the service then runs on its defaults and must not start), 0 otherwise.
+  halvorda::os::Error storedConfigResult() const { return m_storedConfigResult; }
 
   // "4807.038N" -> 288703800: 1/100000 arc-minute, negative south and west.
   static int32_t convertAngleNMEA(const std::string& angle);
@@ -53,4 +61,5 @@ class GPSCore : public halvorda::service::Interfacable {
   halvorda::service::Service* m_service;
   halvorda::desktopenv::InactivityHandler m_inactivityHandler;
   std::unique_ptr<halvorda::device::gps::Parameters> m_iParams;
+  halvorda::os::Error m_storedConfigResult = 0;
 };

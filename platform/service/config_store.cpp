@@ -4,11 +4,13 @@
 #include <google/protobuf/message.h>
 #include <google/protobuf/text_format.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "platform/os.h"
 #include "platform/root.h"
@@ -18,21 +20,31 @@ namespace halvorda::service {
 namespace {
 
 // Keeps the first parse error for the log line instead of protobuf's own
-// logging.
-class FirstError final : public google::protobuf::io::ErrorCollector {
+// logging, and the keys this version does not know (a file written by a newer
+// one), which are skipped rather than failing the parse.
+class ParseProblems final : public google::protobuf::io::ErrorCollector {
  public:
   void AddError(int line, int column, const std::string& message) override {
-    if (text.empty()) text = "line " + std::to_string(line + 1) + " column " + std::to_string(column + 1) + ": " + message;
+    if (error.empty()) error = "line " + std::to_string(line + 1) + " column " + std::to_string(column + 1) + ": " + message;
   }
-  std::string text;
+  void AddWarning(int line, int, const std::string& message) override {
+    warnings.push_back("line " + std::to_string(line + 1) + ": " + message);
+  }
+  std::string error;
+  std::vector<std::string> warnings;
 };
 
-bool ParseText(const std::string& text, google::protobuf::Message& message, std::string* error) {
+bool ParseText(const std::string& text, google::protobuf::Message& message, ParseProblems& problems) {
   google::protobuf::TextFormat::Parser parser;
-  FirstError errors;
-  parser.RecordErrorsTo(&errors);
-  const bool ok = parser.MergeFromString(text, &message);
-  if (!ok && error) *error = errors.text;
+  parser.RecordErrorsTo(&problems);
+  parser.AllowUnknownField(true);
+  return parser.MergeFromString(text, &message);
+}
+
+bool ParseText(const std::string& text, google::protobuf::Message& message, std::string* error) {
+  ParseProblems problems;
+  const bool ok = ParseText(text, message, problems);
+  if (!ok && error) *error = problems.error;
   return ok;
 }
 
@@ -69,19 +81,33 @@ bool ConfigStore::write(const std::string& text) {
   return WriteFileAtomically(path_, text);
 }
 
-std::string ConfigStore::readChecked() {
+std::optional<std::string> ConfigStore::readChecked() {
   std::string text;
-  const ReadStatus status = ReadWholeFile(path_, kMaxConfigBytes, text);
-  if (status == ReadStatus::Missing) return {};
+  int error = 0;
+  const ReadStatus status = ReadWholeFile(path_, kMaxConfigBytes, text, &error);
+  readErrno_ = 0;
+  if (status == ReadStatus::Missing) return std::string();
+  if (status == ReadStatus::Failed) {
+    // Nothing is known about the content: the file stays as it is and the
+    // caller keeps what it has.
+    readErrno_ = error;
+    Sys_log(3, "service: cannot read the stored configuration %s: %s; the file is left as it is.", path_.c_str(),
+            error == ELOOP ? "a symbolic link, which is not followed" : std::strerror(error));
+    return std::nullopt;
+  }
   std::string problem;
   if (status == ReadStatus::TooLarge) {
     problem = "larger than 64 KiB";
-  } else if (status == ReadStatus::Failed) {
-    problem = "unreadable";
   } else if (message_) {
     const std::unique_ptr<google::protobuf::Message> probe(message_->New());
-    if (!ParseText(text, *probe, &problem)) {
-      if (problem.empty()) problem = "not a valid " + message_->GetDescriptor()->full_name();
+    ParseProblems problems;
+    if (!ParseText(text, *probe, problems)) {
+      problem = problems.error.empty() ? "not a valid " + message_->GetDescriptor()->full_name() : problems.error;
+    } else if (text != warnedFor_) {
+      // Once per distinct content: the same file is read again on accept.
+      warnedFor_ = text;
+      for (const std::string& warning : problems.warnings)
+        Sys_log(4, "service: configuration %s: %s Skipped; the other keys apply.", path_.c_str(), warning.c_str());
     }
   }
   if (problem.empty()) return text;
@@ -97,9 +123,16 @@ os::Error ConfigStore::attach(google::protobuf::Message* message, bool writeDefa
   if (!message) return ERROR_INVALID;
   message_ = message;
   defaults_ = PrintText(*message);
-  const bool missing = ::access(path_.c_str(), F_OK) != 0;
-  accepted_ = readChecked();
-  lastSeen_ = accepted_;
+  struct stat st{};
+  const bool missing = ::lstat(path_.c_str(), &st) != 0 && errno == ENOENT;
+  const std::optional<std::string> text = readChecked();
+  if (!text) {
+    // The message keeps what the service built; nothing is written over a
+    // file that may hold the user's settings.
+    accepted_ = lastSeen_ = defaults_;
+    return ERROR_IO;
+  }
+  accepted_ = lastSeen_ = *text;
   if (missing) {
     if (writeDefaults && !write(defaults_)) return ERROR_IO;
     return os::ERROR_NONE;
@@ -135,8 +168,9 @@ os::Error ConfigStore::load(google::protobuf::Message& message) const {
 }
 
 os::Error ConfigStore::accept() {
-  accepted_ = readChecked();
-  lastSeen_ = accepted_;
+  const std::optional<std::string> text = readChecked();
+  if (!text) return ERROR_IO;  // the accepted content stays
+  accepted_ = lastSeen_ = *text;
   return os::ERROR_NONE;
 }
 
@@ -157,9 +191,9 @@ bool ConfigStore::takeOutsideChange() {
   // A corrupt file is replaced by the defaults inside readChecked, which
   // moves lastSeen_; compare with what was seen before.
   const std::string before = lastSeen_;
-  const std::string now = readChecked();
-  if (now == before) return false;
-  lastSeen_ = now;
+  const std::optional<std::string> now = readChecked();
+  if (!now || *now == before) return false;  // unreadable: the current values stay
+  lastSeen_ = *now;
   return true;
 }
 

@@ -66,13 +66,23 @@ bool WriteFileAtomically(const std::string& path, std::string_view content, mode
   return true;
 }
 
-ReadStatus ReadWholeFile(const std::string& path, size_t maxBytes, std::string& content) {
+ReadStatus ReadWholeFile(const std::string& path, size_t maxBytes, std::string& content, int* error) {
   content.clear();
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) return errno == ENOENT ? ReadStatus::Missing : ReadStatus::Failed;
+  int ignored = 0;
+  int& failure = error ? *error : ignored;
+  failure = 0;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0) {
+    failure = errno;
+    return errno == ENOENT ? ReadStatus::Missing : ReadStatus::Failed;
+  }
   struct stat st{};
   ReadStatus status = ReadStatus::Ok;
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+  if (::fstat(fd, &st) != 0) {
+    failure = errno;
+    status = ReadStatus::Failed;
+  } else if (!S_ISREG(st.st_mode)) {
+    failure = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
     status = ReadStatus::Failed;
   } else {
     char buffer[8192];
@@ -80,6 +90,7 @@ ReadStatus ReadWholeFile(const std::string& path, size_t maxBytes, std::string& 
       const ssize_t n = ::read(fd, buffer, sizeof buffer);
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) {
+        failure = errno;
         status = ReadStatus::Failed;
         break;
       }

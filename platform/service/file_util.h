@@ -16,8 +16,11 @@ namespace halvorda::service {
 bool WriteFileAtomically(const std::string& path, std::string_view content, mode_t mode = 0644);
 
 enum class ReadStatus { Ok, Missing, TooLarge, Failed };
-// Reads a whole regular file of at most maxBytes.
-ReadStatus ReadWholeFile(const std::string& path, size_t maxBytes, std::string& content);
+// Reads a whole regular file of at most maxBytes. Failed: the file could not
+// be opened or read (a symbolic link, not a regular file, EACCES, EMFILE,
+// EIO, ...); *error then holds the errno, which says nothing about the
+// content.
+ReadStatus ReadWholeFile(const std::string& path, size_t maxBytes, std::string& content, int* error = nullptr);
 
 std::string ParentDirectory(const std::string& path);
 

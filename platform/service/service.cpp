@@ -19,6 +19,7 @@
 #include "halvorda/service/service.pb.h"
 #include "platform/os.h"
 #include "platform/root.h"
+#include "platform/settings.h"
 #include "platform/service/file_util.h"
 #include "platform/service/message_type.h"
 
@@ -36,7 +37,10 @@ constexpr int kAcceptsPerRound = 64;
 constexpr uint32_t kListenRetryMs = 1000;
 constexpr uint32_t kSweepPeriodMs = 1000;
 
-// Roles that may reserve a service for themselves.
+constexpr uint64_t kRefusalLogPeriodMs = 60'000;
+
+// Roles that may reserve a service for themselves; they also may take the
+// connections kept in reserve.
 constexpr uint32_t kReservingRoles = os::RoleBit(os::Role::QuillaPlatform) | os::RoleBit(os::Role::WebPlatform) |
                                      os::RoleBit(os::Role::Payment) | os::RoleBit(os::Role::QuillaP2PE) |
                                      os::RoleBit(os::Role::WebP2PE);
@@ -111,6 +115,7 @@ struct Service::Connection final : Link::Replier {
   size_t outStart = 0;
   uint64_t lastActivityMs;
   uint64_t stalledSinceMs = 0;
+  uint64_t frameBegunMs = 0;  // 0: no incomplete frame held
   uint32_t interest = 0;
   bool peerClosed = false;
   bool closing = false;
@@ -121,6 +126,7 @@ Service::Service(const std::string& manifest, os::Poller* poller)
       ownCertificate_(::geteuid(), ::getegid(), ::getpid(), {}, os::kAllRoles),
       nextConnectionId_(kFirstConnectionId) {
   google::protobuf::SetLogHandler(LogProtobuf);
+  limits_.maxConnectionsPerUser = static_cast<size_t>(gps::platform::CurrentSettings().maxConnectionsPerUser);
   if (poller) Sys_log(3, "service: an outside poller is not supported; the service runs its own loop.");
   manifestOk_ = LoadManifest(manifest, manifest_) == os::ERROR_NONE;
   socketPath_ = manifest_.address.empty() || manifest_.address.front() == '/'
@@ -272,6 +278,8 @@ os::Error Service::watchDescriptor(int fd) {
   return epoll_ >= 0 && ::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0 ? os::ERROR_NONE : ERROR_IO;
 }
 
+int Service::configReadErrno() const { return config_ ? config_->readErrno() : 0; }
+
 os::Error Service::adoptConnection(int fd) {
   if (fd < 0) return ERROR_INVALID;
   const int flags = ::fcntl(fd, F_GETFL);
@@ -301,6 +309,29 @@ os::Error Service::addConnection(int fd) {
   }
   std::vector<gid_t> groups = PeerGroups(fd);
   const uint32_t roles = permissionTable_.rolesOf(credentials.uid, credentials.gid, groups);
+  // Root and the service's own user are bound by the total alone; callers
+  // that may reserve the service by their own share, and may take the
+  // reserve; everyone else by their share and the total less the reserve.
+  const bool ownOrRoot = credentials.uid == 0 || credentials.uid == ownCertificate_.uid();
+  const bool mayTakeReserve = ownOrRoot || (roles & kReservingRoles) != 0;
+  const AdmissionLimits admissionLimits{limits_.maxConnections,
+                                        ownOrRoot ? limits_.maxConnections : limits_.maxConnectionsPerUser,
+                                        mayTakeReserve ? 0 : limits_.reservedConnections};
+  const Admission admitted = admission_.admit(credentials.uid, admissionLimits);
+  if (admitted != Admission::Admitted) {
+    const uint64_t now = NowMs();
+    if (admitted == Admission::PeerFull) {
+      if (admission_.shouldLogRefusal(credentials.uid, now, kRefusalLogPeriodMs))
+        Sys_log(4, "service: uid %u holds %zu connections, the most one user may; refusing more (logged once a minute).",
+                static_cast<unsigned>(credentials.uid), admission_.openOf(credentials.uid));
+    } else if (lastReserveLogMs_ == 0 || now - lastReserveLogMs_ >= kRefusalLogPeriodMs) {
+      lastReserveLogMs_ = now;
+      Sys_log(4, "service: %zu connections open, the rest kept for privileged callers; refusing uid %u (logged once a minute).",
+              admission_.open(), static_cast<unsigned>(credentials.uid));
+    }
+    ::close(fd);
+    return ERROR_IO;
+  }
   const uint64_t id = nextConnectionId_++;
   auto connection = std::make_unique<Connection>(
       *this, id, fd, os::Certificate(credentials.uid, credentials.gid, credentials.pid, std::move(groups), roles));
@@ -308,7 +339,10 @@ os::Error Service::addConnection(int fd) {
   epoll_event event{};
   event.events = connection->interest;
   event.data.u64 = id;
-  if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) != 0) return ERROR_IO;  // closed with the connection
+  if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) != 0) {
+    admission_.release(credentials.uid);
+    return ERROR_IO;  // closed with the connection
+  }
   Sys_log(7, "service: connection %d from pid %d uid %u, roles %02x.", fd, static_cast<int>(credentials.pid),
           static_cast<unsigned>(credentials.uid), roles);
   connections_.emplace(id, std::move(connection));
@@ -320,6 +354,7 @@ void Service::closeConnection(Connection& connection, const char* why) {
   if (why) Sys_log(4, "service: closing connection %d (uid %u): %s.", connection.fd,
                    static_cast<unsigned>(connection.certificate.uid()), why);
   if (reservedBy_ == connection.id) reservedBy_ = 0;
+  admission_.release(connection.certificate.uid());
   ::epoll_ctl(epoll_, EPOLL_CTL_DEL, connection.fd, nullptr);
   connections_.erase(connection.id);
   connectionCount_ = connections_.size();
@@ -495,6 +530,10 @@ void Service::sweep(uint64_t nowMs) {
       Sys_log(4, "service: connection %d (uid %u) stopped reading its answers.", connection->fd,
               static_cast<unsigned>(connection->certificate.uid()));
       stale.push_back(connection.get());
+    } else if (connection->frameBegunMs != 0 && nowMs - connection->frameBegunMs >= limits_.incompleteFrameTimeoutMs) {
+      Sys_log(4, "service: connection %d (uid %u) left a frame unfinished for %u ms.", connection->fd,
+              static_cast<unsigned>(connection->certificate.uid()), limits_.incompleteFrameTimeoutMs);
+      stale.push_back(connection.get());
     } else if (nowMs - connection->lastActivityMs >= limits_.idleTimeoutMs) {
       stale.push_back(connection.get());
     }
@@ -522,6 +561,7 @@ os::Error Service::dispatch(uint32_t timeoutMs) {
     epoll_event events[64];
     const int count = ::epoll_wait(epoll_, events, 64, static_cast<int>(waitMs));
     if (count < 0 && errno != EINTR) return ERROR_IO;
+    now = NowMs();
     bool handled = false;
     std::vector<uint64_t> touched;
     for (int i = 0; i < count; ++i) {
@@ -557,6 +597,13 @@ os::Error Service::dispatch(uint32_t timeoutMs) {
       processFrames(connection);
       flush(connection);
       handled = true;
+      // Bytes left over once every whole frame is handled begin a frame; its
+      // clock runs from its first byte, so trickling it does not reset it.
+      if (connection.reader.pendingBytes() == 0 || connection.backlogged()) {
+        connection.frameBegunMs = 0;
+      } else if (connection.frameBegunMs == 0) {
+        connection.frameBegunMs = now;
+      }
       if (connection.closing) {
         closeConnection(connection, nullptr);
         continue;

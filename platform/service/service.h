@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/service/admission.h"
 #include "platform/service/certificate.h"
 #include "platform/service/config_store.h"
 #include "platform/service/error.h"
@@ -34,7 +35,16 @@ class Poller;
 namespace halvorda::service {
 
 struct ServiceLimits {
+  // More are accepted and closed at once. Of these, reservedConnections are
+  // kept for root, the service's own user and callers holding a role that
+  // may reserve the service (platform, payment, P2PE), so that one of them
+  // always gets in.
   size_t maxConnections = 512;
+  size_t reservedConnections = 64;
+  // Of any other single uid ([service] max_connections_per_user).
+  size_t maxConnectionsPerUser = 64;
+  // A frame begun and not finished for this long closes its connection.
+  uint32_t incompleteFrameTimeoutMs = 10'000;
   // Answers queued for a client that does not read. Past half of it the
   // connection's further requests wait; a reply that does not fit closes it.
   size_t maxSendBufferBytes = 256 * 1024;
@@ -85,6 +95,10 @@ class Service {
   // (ConfigurationModifiedEvent); load() returns it from then on. The
   // attached message is not touched: the service applies what it loads.
   os::Error acceptConfig();
+  // The errno of the stored configuration's last read that failed for
+  // another reason than its content (attachConfig or acceptConfig returned
+  // ERROR_IO; the file was left as it is), 0 otherwise.
+  int configReadErrno() const;
 
   // Waits up to timeoutMs (0xFFFFFFFF: no limit) for traffic and handles
   // all of it: new connections, whole frames delivered to their bindings,
@@ -100,6 +114,7 @@ class Service {
   // activation, in-process peers); the service owns it from now on.
   os::Error adoptConnection(int fd);
 
+  // The defaults, with max_connections_per_user from platform.ini.
   void setLimits(const ServiceLimits& limits) { limits_ = limits; }
   const ServiceLimits& limits() const { return limits_; }
   // Open connections; may be read from any thread.
@@ -137,10 +152,12 @@ class Service {
   std::unique_ptr<ConfigStore> config_;
   std::unordered_map<uint64_t, std::unique_ptr<Connection>> connections_;
   std::atomic<size_t> connectionCount_{0};
+  PeerAdmission<uid_t> admission_;
   uint64_t nextConnectionId_;
   uint64_t reservedBy_ = 0;  // connection id, 0 when free
   uint64_t lastListenAttemptMs_ = 0;
   uint64_t lastCapLogMs_ = 0;
+  uint64_t lastReserveLogMs_ = 0;
 };
 
 }  // namespace halvorda::service

@@ -384,6 +384,74 @@ TEST_F(GpsService, StartFailuresExitWithTheirStatusAndNameTheCause) {
     EXPECT_FALSE(std::filesystem::exists(root_ / "fs")) << "the engine did not start";
   }
   EXPECT_TRUE(std::filesystem::is_symlink(config)) << "left as it was";
+
+// The stored configuration unreadable to the daemon (root's file of mode
+// 0600 with the daemon under another user, as after an upgrade that moves it
+// off root) or no descriptor left to read it with: the file stays byte for
+// byte, nothing is set aside as corrupt, and the log names the file.
+TEST_F(GpsService, AStoredConfigurationItCannotReadIsLeftAsItIs) {
+  const passwd* nobody = getpwnam("nobody");
+  if (geteuid() != 0 || !nobody) GTEST_SKIP() << "needs root to run the service under another user";
+  const std::string stored = "poweron: true\nkeepon: true\n";
+  const std::string config = root_ / "config/local.device.gps.conf";
+  struct Case {
+    const char* legend;
+    std::vector<std::string> launcher;
+    bool asNobody;
+  };
+  const Case cases[] = {
+      {"root's file of mode 0600, the service as nobody",
+       {"/usr/bin/setpriv", "--reuid=" + std::to_string(nobody->pw_uid), "--regid=" + std::to_string(nobody->pw_gid),
+        "--clear-groups"},
+       true},
+      {"ulimit -n 16", {"/usr/bin/prlimit", "--nofile=16"}, false},
+  };
+  for (const Case& c : cases) {
+    std::filesystem::remove_all(root_ / "config");
+    ASSERT_TRUE(gps::platform::MakeDirectories(root_ / "config"));
+    if (c.asNobody) {
+      ASSERT_EQ(lchown(root_.path().c_str(), nobody->pw_uid, nobody->pw_gid), 0);
+      for (const auto& entry : std::filesystem::recursive_directory_iterator(root_.path()))
+        ASSERT_EQ(lchown(entry.path().c_str(), nobody->pw_uid, nobody->pw_gid), 0);
+    }
+    std::ofstream(config) << stored;
+    ASSERT_EQ(chown(config.c_str(), 0, 0), 0);
+    ASSERT_EQ(chmod(config.c_str(), 0600), 0);
+    std::vector<std::string> argv = c.launcher;
+    argv.push_back(GPS_SERVICE_BINARY);
+    ChildProcess service(argv, root_ / "service.log");
+    const auto log = [&] {
+      std::ifstream in(root_ / "service.log");
+      return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    EXPECT_TRUE(WaitFor([&] { return log().find("cannot read the stored configuration " + config) != std::string::npos; }))
+        << c.legend << ":\n" << log();
+    EXPECT_EQ(StoredConfig(), stored) << c.legend;
+    EXPECT_FALSE(std::filesystem::exists(config + ".corrupt")) << c.legend;
+  }
+}
+
+// A parameters file of random bytes (bit rot, a foreign file): the stored
+// fix is discarded with a line naming the file, and the state, read before
+// the receiver has a fix of its own, parses and holds no position.
+TEST_F(GpsService, AParametersFileOfRandomBytesGivesNoStoredPosition) {
+  std::ofstream(root_ / "platform.ini") << "[sim]\nttff_ms = 5000\n[log]\ntarget = stderr\n";
+  ASSERT_TRUE(gps::platform::MakeDirectories(root_ / "fs/GPS"));
+  ASSERT_TRUE(gps::platform::MakeDirectories(root_ / "config"));
+  std::mt19937 random(15);
+  std::string bytes(1216, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  std::ofstream(root_ / "fs/GPS/gps_param.cfg", std::ios::binary) << bytes;
+  std::ofstream(root_ / "config/local.device.gps.conf") << "poweron: true\n";
+  Start();
+  msg::SetGetStateResponse response;
+  ASSERT_EQ(Ask(response), 0);
+  ASSERT_TRUE(response.has_state());
+  EXPECT_FALSE(response.state().has_strlatitude()) << response.state().strlatitude();
+  EXPECT_FALSE(response.state().has_altitude());
+  std::ifstream in(root_ / "service.log");
+  const std::string log(std::istreambuf_iterator<char>(in), {});
+  EXPECT_NE(log.find("fs/GPS/gps_param.cfg: the stored fix is damaged"), std::string::npos) << log;
 }
 
 TEST_F(GpsService, ReadyOnlyStartSignalsReadyAndServesNothing) {

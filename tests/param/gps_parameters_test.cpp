@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -62,13 +63,84 @@ TEST_F(ParamFile, FirstStartWritesTheDefaultsAndLaterStartsReadTheFileAsStored) 
   EXPECT_EQ(RecordBytes(gps_parameters), ExpectedDefaults());
 
   Bytes stored = ExpectedDefaults();
-  stored[0] = 1;       // power_mode_policy
-  stored[1215] = 'x';  // last byte of speedKmh
+  stored[0] = 1;  // power_mode_policy
+  stored.replace(1200, 5, "0.216");  // speedKmh, terminated
   Put(stored);
   gps::test::ResetEngine();
   EXPECT_EQ(lib_GPS_param_RestorePersistentStorage(), 0);
   EXPECT_EQ(RecordBytes(gps_parameters), stored);
   EXPECT_EQ(OnDisk(), stored) << "an existing disk keeps its file untouched";
+}
+
+// A record from a damaged or foreign file: a stored fix whose texts do not
+// have the engine's forms is dropped whole, a setting out of its range takes
+// its default; each with a level-3 line naming the file, which stays as it is.
+TEST_F(ParamFile, RestoreDropsADamagedStoredFixAndResetsSettingsOutOfRange) {
+  // A fix as the engine writes it from GGA, RMC and VTG.
+  const auto engineFix = [](Bytes& b) {
+    const char* texts[10] = {"18/03/2015", "17h19m26s", "4404.14063N", "12118.85478W", "0.91",
+                             "1147.2",     "77.52",     "",            "0.004",        "0.008"};
+    for (size_t i = 0; i < 10; ++i) b.replace(1056 + 16 * i, std::strlen(texts[i]), texts[i]);
+  };
+  const auto text = [](size_t field, const char* value) {
+    return [field, value](Bytes& b) {
+      b.replace(1056 + 16 * field, 16, Bytes(16, '\0'));
+      b.replace(1056 + 16 * field, std::strlen(value), value);
+    };
+  };
+  const auto integer = [](size_t at, int32_t value) { return [at, value](Bytes& b) { std::memcpy(&b[at], &value, 4); }; };
+  enum Field : size_t { kDate, kTime, kLatitude, kLongitude, kHdop, kAltitude, kCourse, kCourseMagnetic, kKnots, kKmh };
+  struct Case {
+    const char* legend;
+    std::function<void(Bytes&)> change;
+    bool fixKept;
+    size_t resetSettingAt;  // 0: none
+  };
+  const Case cases[] = {
+      {"as the engine writes it", [](Bytes&) {}, true, 0},
+      {"position from NAV-PVT alone", [&](Bytes& b) { text(kDate, "")(b), text(kTime, "")(b), text(kAltitude, "-21.3")(b); }, true, 0},
+      {"no fix ever", [&](Bytes& b) { b.replace(1056, 160, Bytes(160, '\0')); }, true, 0},
+      {"hemisphere", text(kLatitude, "4404.14063X"), false, 0},
+      {"latitude beyond 90", text(kLatitude, "9100.00000N"), false, 0},
+      {"60 minutes", text(kLatitude, "4460.00000N"), false, 0},
+      {"no fraction", text(kLatitude, "4404.N"), false, 0},
+      {"longitude of two degree digits", text(kLongitude, "2118.85478W"), false, 0},
+      {"latitude without longitude", text(kLongitude, ""), false, 0},
+      {"month 13", text(kDate, "18/13/2015"), false, 0},
+      {"time with colons", text(kTime, "17:19:26"), false, 0},
+      {"negative HDOP", text(kHdop, "-0.91"), false, 0},
+      {"altitude with a letter", text(kAltitude, "114a.2"), false, 0},
+      {"speed of bytes that are no text", text(kKmh, "\xff\xfe"), false, 0},
+      {"unterminated speed", [](Bytes& b) { b.replace(1200, 16, Bytes(16, '1')); }, false, 0},
+      {"power mode 7", integer(0, 7), true, 0 + 1},
+      {"connection policy 3", integer(12, 3), true, 12 + 1},
+      {"port 0", integer(788, 0), true, 788 + 1},
+      {"fix period of 5 ms", integer(1052, 5), true, 1052 + 1},
+      {"APN unterminated", [](Bytes& b) { b.replace(20, 128, Bytes(128, 'a')); }, true, 20 + 1},
+  };
+  ASSERT_EQ(lib_GPS_param_RestorePersistentStorage(), 0);
+  for (const Case& c : cases) {
+    Bytes stored = ExpectedDefaults();
+    engineFix(stored);
+    c.change(stored);
+    Put(stored);
+    gps::test::ResetEngine();
+    gps::test::LogCapture log;
+    ASSERT_EQ(lib_GPS_param_RestorePersistentStorage(), 0) << c.legend;
+    const Bytes restored = RecordBytes(gps_parameters);
+    EXPECT_EQ(restored.substr(1056), c.fixKept ? stored.substr(1056) : Bytes(160, '\0')) << c.legend;
+    Bytes expectedSettings = stored.substr(0, 1056);
+    if (c.resetSettingAt != 0) {
+      const size_t at = c.resetSettingAt - 1;
+      const size_t width = at == 20 ? 128 : 4;
+      expectedSettings.replace(at, width, ExpectedDefaults().substr(at, width));
+    }
+    EXPECT_EQ(restored.substr(0, 1056), expectedSettings) << c.legend;
+    const auto lines = log.linesAt(3);
+    EXPECT_EQ(lines.size(), c.fixKept && c.resetSettingAt == 0 ? 0u : 1u) << c.legend;
+    for (const std::string& line : lines) EXPECT_NE(line.find(FilePath()), std::string::npos) << line;
+    EXPECT_EQ(OnDisk(), stored) << c.legend << ": the file is left as it is";
+  }
 }
 
 TEST_F(ParamFile, RemovedFileIsNeitherReadNorRecreated) {

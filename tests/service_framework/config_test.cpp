@@ -3,10 +3,13 @@
 // loop runs on the test's thread here, so the test decides when the service
 // sees a change.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 #include "tests/service_framework/service_fixture.h"
@@ -85,7 +88,6 @@ TEST_F(ConfigTest, CorruptFileIsKeptAsideAndReplacedByTheDefaults) {
   };
   const Case cases[] = {
       {"not text format", "poweron: maybe\n"},
-      {"unknown field", "brightness: 3\n"},
       {"binary", std::string("\x00\xff\x13", 3)},
       {"larger than 64 KiB", std::string(70000, '#')},
   };
@@ -102,6 +104,106 @@ TEST_F(ConfigTest, CorruptFileIsKeptAsideAndReplacedByTheDefaults) {
     EXPECT_EQ(log.linesAt(3).size(), 1u) << c.legend;
     running.service.detachConfig();
   }
+}
+
+// A file that cannot be opened or read says nothing about its content: it is
+// left exactly as it is, the message keeps what the service built, and the
+// caller sees ERROR_IO with the errno; read again after an outside change, it
+// leaves the accepted content as it was.
+TEST_F(ConfigTest, AFileThatCannotBeReadIsLeftAsItIs) {
+  ASSERT_TRUE(gps::platform::MakeDirectories(running.root / "config"));
+  const std::string good = "poweron: true\nkeepon: true\n";
+  const std::string elsewhere = running.root / "elsewhere.conf";
+  WriteInPlace(elsewhere, good);
+  // The lowest free descriptor number as limit: no open() can succeed.
+  const auto withoutDescriptors = [](const std::function<void()>& call) {
+    rlimit saved{};
+    ::getrlimit(RLIMIT_NOFILE, &saved);
+    const int lowestFree = ::dup(0);
+    ::close(lowestFree);
+    rlimit tight = saved;
+    tight.rlim_cur = static_cast<rlim_t>(lowestFree);
+    ::setrlimit(RLIMIT_NOFILE, &tight);
+    call();
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+  };
+  struct Case {
+    const char* legend;
+    std::function<void(const std::string&)> make;
+    bool descriptorsExhausted;
+    int error;
+  };
+  const Case cases[] = {
+      {"descriptor limit reached", [&](const std::string& path) { WriteInPlace(path, good); }, true, EMFILE},
+      {"a link", [&](const std::string& path) { ASSERT_EQ(::symlink(elsewhere.c_str(), path.c_str()), 0); }, false, ELOOP},
+      {"a dangling link", [](const std::string& path) { ASSERT_EQ(::symlink("/nonexistent", path.c_str()), 0); }, false,
+       ELOOP},
+      {"a directory", [](const std::string& path) { ASSERT_EQ(::mkdir(path.c_str(), 0755), 0); }, false, EISDIR},
+  };
+  for (const Case& c : cases) {
+    std::filesystem::remove_all(configPath());
+    c.make(configPath());
+    const auto before = std::filesystem::symlink_status(configPath()).type();
+    const std::string content = ReadFile(configPath());
+    const auto params = Parameters::instantiate();
+    params->set_keepon(false);
+    gps::test::LogCapture log;
+    os::Error attached = 0;
+    if (c.descriptorsExhausted) {
+      withoutDescriptors([&] { attached = running.service.attachConfig(params.get(), true); });
+    } else {
+      attached = running.service.attachConfig(params.get(), true);
+    }
+    EXPECT_EQ(attached, ERROR_IO) << c.legend;
+    EXPECT_EQ(running.service.configReadErrno(), c.error) << c.legend;
+    EXPECT_FALSE(params->has_poweron()) << c.legend;
+    EXPECT_EQ(std::filesystem::symlink_status(configPath()).type(), before) << c.legend;
+    EXPECT_EQ(ReadFile(configPath()), content) << c.legend;
+    EXPECT_FALSE(std::filesystem::exists(configPath() + ".corrupt")) << c.legend;
+    ASSERT_EQ(log.linesAt(3).size(), 1u) << c.legend;
+    EXPECT_NE(log.linesAt(3)[0].find(configPath()), std::string::npos) << log.linesAt(3)[0];
+    running.service.detachConfig();
+  }
+  EXPECT_EQ(ReadFile(elsewhere), good);
+
+  // Taken over a readable file, then made unreadable from outside: no
+  // event, and what was accepted stays.
+  std::filesystem::remove_all(configPath());
+  WriteInPlace(configPath(), good);
+  const auto params = Parameters::instantiate();
+  ASSERT_EQ(running.service.attachConfig(params.get(), false), 0);
+  ASSERT_TRUE(params->poweron());
+  ASSERT_EQ(::unlink(configPath().c_str()), 0);
+  ASSERT_EQ(::symlink("/nonexistent", configPath().c_str()), 0);
+  EXPECT_EQ(DispatchAndCountEvents(running, 0), 0);
+  EXPECT_EQ(running.service.acceptConfig(), ERROR_IO);
+  const auto stored = Parameters::instantiate();
+  ASSERT_EQ(running.service.load(*stored), 0);
+  EXPECT_TRUE(stored->poweron() && stored->keepon());
+  EXPECT_TRUE(std::filesystem::is_symlink(configPath()));
+  running.service.detachConfig();
+}
+
+// A key this version does not know (a file from a newer one) is skipped with
+// one warning naming it; the known keys keep their values and the file stays.
+TEST_F(ConfigTest, AnUnknownKeyIsSkippedAndTheOthersKeepTheirValues) {
+  ASSERT_TRUE(gps::platform::MakeDirectories(running.root / "config"));
+  const std::string content = "poweron: true\nbrightness: 3\nkeepon: true\n";
+  WriteInPlace(configPath(), content);
+  gps::test::LogCapture log;
+  const auto params = Parameters::instantiate();
+  ASSERT_EQ(running.service.attachConfig(params.get(), false), 0);
+  EXPECT_TRUE(params->poweron() && params->keepon());
+  ASSERT_EQ(running.service.acceptConfig(), 0);  // the same content again: no second warning
+  const auto stored = Parameters::instantiate();
+  ASSERT_EQ(running.service.load(*stored), 0);
+  EXPECT_TRUE(stored->poweron() && stored->keepon());
+  EXPECT_EQ(ReadFile(configPath()), content);
+  EXPECT_FALSE(std::filesystem::exists(configPath() + ".corrupt"));
+  EXPECT_TRUE(log.linesAt(3).empty());
+  ASSERT_EQ(log.linesAt(4).size(), 1u);
+  EXPECT_NE(log.linesAt(4)[0].find("\"brightness\""), std::string::npos) << log.linesAt(4)[0];
+  running.service.detachConfig();
 }
 
 TEST_F(ConfigTest, OutsideChangesRaiseTheEventAndOwnSavesDoNot) {

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -326,6 +327,35 @@ TEST(ServiceTest, ConnectionsBeyondTheCapAreRefused) {
   ExpectServed("after one of the capped connections went away");
 }
 
+// A frame begun and left unfinished closes its connection once the limit is
+// up, counted from its first byte however it trickles in; a connection that
+// sent nothing, or whole frames, stays.
+TEST(ServiceTest, AFrameLeftUnfinishedClosesItsConnection) {
+  ServiceLimits limits;
+  limits.incompleteFrameTimeoutMs = 400;
+  RunningService running(limits);
+  running.start();
+  ClientConnection half;
+  ClientConnection trickle;
+  ClientConnection quiet;
+  for (ClientConnection* client : {&half, &trickle, &quiet}) ASSERT_EQ(client->connect("local.device.gps", kWaitMs), 0);
+  const std::vector<uint8_t> frame = RequestFrame(SetGetStateRequest(), 1);
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(half.sendBytes(std::vector<uint8_t>(frame.begin(), frame.begin() + 10), kWaitMs), 0);
+  // A byte every 100 ms for 2 s: never quiet for the limit, still closed.
+  for (size_t sent = 0; sent < 20; ++sent) {
+    trickle.sendBytes(std::vector<uint8_t>(frame.begin() + sent, frame.begin() + sent + 1), kWaitMs);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(running.service.connectionCount(), 1u);
+  EXPECT_TRUE(ClosedByPeer(half));
+  EXPECT_TRUE(ClosedByPeer(trickle));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(400));
+  SetGetStateResponse response;
+  EXPECT_EQ(quiet.request(SetGetStateRequest(), response, kWaitMs), 0);
+  EXPECT_EQ(running.service.connectionCount(), 1u);
+}
+
 TEST(ServiceTest, ReservationHoldsOffOthersExceptWhiteListedTypes) {
   RunningService running;
   running.service.setReservationWhiteList({desktopenv::NotifyRequest::messageType()});
@@ -370,6 +400,12 @@ class OtherUserTest : public ::testing::Test {
   // (0 for a response), or a framework code when there was none.
   os::Error RequestAsNobody(const std::string& socketPath, const google::protobuf::Message& request,
                             const std::vector<gid_t>& supplementaryGroups) {
+    return RequestAs(uid_, gid_, socketPath, request, supplementaryGroups);
+  }
+
+  // The same as any user; roundTrip gets the time from connect to answer.
+  os::Error RequestAs(uid_t uid, gid_t gid, const std::string& socketPath, const google::protobuf::Message& request,
+                      const std::vector<gid_t>& supplementaryGroups, std::chrono::microseconds* roundTrip = nullptr) {
     const std::vector<uint8_t> frame = RequestFrame(request, 77);
     int pipeFds[2];
     if (::pipe(pipeFds) != 0) return ERROR_IO;
@@ -378,7 +414,10 @@ class OtherUserTest : public ::testing::Test {
       // Only system calls from here: the parent has other threads.
       ::close(pipeFds[0]);
       os::Error result = ERROR_IO;
-      if (::setgroups(supplementaryGroups.size(), supplementaryGroups.data()) == 0 && ::setgid(gid_) == 0 && ::setuid(uid_) == 0) {
+      int64_t micros = -1;
+      if (::setgroups(supplementaryGroups.size(), supplementaryGroups.data()) == 0 && ::setgid(gid) == 0 && ::setuid(uid) == 0) {
+        timespec begun{};
+        ::clock_gettime(CLOCK_MONOTONIC, &begun);
         const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -388,7 +427,7 @@ class OtherUserTest : public ::testing::Test {
         size_t wanted = kFrameHeaderBytes;
         FrameHeader header;
         if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-            ::write(fd, frame.data(), frame.size()) == static_cast<ssize_t>(frame.size())) {
+            ::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size())) {
           pollfd waiting{fd, POLLIN, 0};
           while (got < wanted && ::poll(&waiting, 1, static_cast<int>(kWaitMs)) == 1) {
             const ssize_t n = ::read(fd, answer + got, wanted - got);
@@ -403,22 +442,112 @@ class OtherUserTest : public ::testing::Test {
         if (got < kFrameHeaderBytes || got < wanted) result = ERROR_DISCONNECTED;
         else if (header.kind == FrameKind::Response) result = 0;
         else result = ErrorFrameCode(std::span<const uint8_t>(answer + kFrameHeaderBytes, got - kFrameHeaderBytes));
+        timespec ended{};
+        ::clock_gettime(CLOCK_MONOTONIC, &ended);
+        micros = (ended.tv_sec - begun.tv_sec) * 1'000'000 + (ended.tv_nsec - begun.tv_nsec) / 1000;
       }
       (void)!::write(pipeFds[1], &result, sizeof result);
+      (void)!::write(pipeFds[1], &micros, sizeof micros);
       ::_exit(0);
     }
     ::close(pipeFds[1]);
     os::Error result = ERROR_IO;
     if (::read(pipeFds[0], &result, sizeof result) != sizeof result) result = ERROR_IO;
+    int64_t micros = -1;
+    if (::read(pipeFds[0], &micros, sizeof micros) == sizeof micros && roundTrip)
+      *roundTrip = std::chrono::microseconds(micros);
     ::close(pipeFds[0]);
     int status = 0;
     ::waitpid(child, &status, 0);
     return result;
   }
 
+  // A child process of the user that connects `count` times without ever
+  // sending, and holds what it got until the object ends.
+  class IdleConnections {
+   public:
+    IdleConnections(uid_t uid, gid_t gid, const std::string& socketPath, int count) {
+      int ready[2];
+      if (::pipe(ready) != 0 || ::pipe(release_) != 0) return;
+      child_ = ::fork();
+      if (child_ == 0) {
+        ::close(ready[0]);
+        ::close(release_[1]);
+        if (::setgroups(0, nullptr) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0) ::_exit(1);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+        for (int i = 0; i < count; ++i) {
+          const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+          if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ::_exit(2);
+        }
+        (void)!::write(ready[1], "r", 1);
+        char byte;
+        (void)!::read(release_[0], &byte, 1);
+        ::_exit(0);
+      }
+      ::close(ready[1]);
+      ::close(release_[0]);
+      char byte = 0;
+      connected_ = ::read(ready[0], &byte, 1) == 1;
+      ::close(ready[0]);
+    }
+    ~IdleConnections() {
+      ::close(release_[1]);
+      if (child_ > 0) ::waitpid(child_, nullptr, 0);
+    }
+    bool connected() const { return connected_; }
+
+   private:
+    pid_t child_ = -1;
+    int release_[2] = {-1, -1};
+    bool connected_ = false;
+  };
+
   uid_t uid_ = 0;
   gid_t gid_ = 0;
 };
+
+// Connections are admitted per uid: one ordinary user holding hundreds of
+// idle connections gets its share and no more, ordinary users together leave
+// a reserve, and root and a payment caller are still served at once.
+TEST_F(OtherUserTest, OneUserCannotLockOthersOut) {
+  ServiceLimits limits;
+  limits.maxConnections = 160;
+  limits.reservedConnections = 16;
+  limits.maxConnectionsPerUser = 64;
+  RunningService running(limits);
+  ASSERT_EQ(::chmod(running.root.path().c_str(), 0755), 0);
+  ASSERT_TRUE(gps::platform::MakeDirectories(running.root / "etc"));
+  std::ofstream(running.root / "etc/permissions.ini") << "[users]\n4243 = payment\n";
+  running.start();
+  const std::string socket = running.service.getSocketPath();
+  gps::test::LogCapture log;
+
+  IdleConnections flood(uid_, gid_, socket, 600);
+  ASSERT_TRUE(flood.connected());
+  ASSERT_TRUE(WaitFor([&] { return running.service.connectionCount() == 64; }));
+  EXPECT_EQ(RequestAsNobody(socket, SetGetStateRequest(), {}), ERROR_DISCONNECTED) << "the 65th";
+  const std::string refusal = "uid " + std::to_string(uid_) + " holds 64 connections";
+  int refusalLines = 0;
+  for (const std::string& line : log.linesAt(4)) refusalLines += line.find(refusal) != std::string::npos;
+  EXPECT_EQ(refusalLines, 1) << "once a minute, not once per refusal";
+
+  // Two more ordinary users fill the total up to the reserve; a third finds
+  // no room.
+  IdleConnections second(4244, 4244, socket, 100);
+  IdleConnections third(4245, 4245, socket, 64);
+  ASSERT_TRUE(second.connected() && third.connected());
+  ASSERT_TRUE(WaitFor([&] { return running.service.connectionCount() == 144; }));
+  EXPECT_EQ(RequestAs(4246, 4246, socket, SetGetStateRequest(), {}), ERROR_DISCONNECTED);
+
+  std::chrono::microseconds roundTrip{};
+  EXPECT_EQ(RequestAs(4243, 4243, socket, SetGetStateRequest(), {}, &roundTrip), 0) << "payment role";
+  EXPECT_LT(roundTrip, std::chrono::milliseconds(100));
+  EXPECT_EQ(RequestAs(0, 0, socket, SetGetStateRequest(), {}, &roundTrip), 0) << "root";
+  EXPECT_LT(roundTrip, std::chrono::milliseconds(100));
+  EXPECT_TRUE(WaitFor([&] { return running.service.connectionCount() == 144; }));
+}
 
 TEST_F(OtherUserTest, RolesComeFromPeerCredentialsAndThePermissionsFile) {
   RunningService running;
