@@ -384,6 +384,7 @@ TEST_F(GpsService, StartFailuresExitWithTheirStatusAndNameTheCause) {
     EXPECT_FALSE(std::filesystem::exists(root_ / "fs")) << "the engine did not start";
   }
   EXPECT_TRUE(std::filesystem::is_symlink(config)) << "left as it was";
+}
 
 // The stored configuration unreadable to the daemon (root's file of mode
 // 0600 with the daemon under another user, as after an upgrade that moves it
@@ -435,7 +436,7 @@ TEST_F(GpsService, AStoredConfigurationItCannotReadIsLeftAsItIs) {
 // fix is discarded with a line naming the file, and the state, read before
 // the receiver has a fix of its own, parses and holds no position.
 TEST_F(GpsService, AParametersFileOfRandomBytesGivesNoStoredPosition) {
-  std::ofstream(root_ / "platform.ini") << "[sim]\nttff_ms = 5000\n[log]\ntarget = stderr\n";
+  std::ofstream(root_ / "platform.ini") << "[gps]\ndevice = sim\n[sim]\nttff_ms = 5000\n[log]\ntarget = stderr\n";
   ASSERT_TRUE(gps::platform::MakeDirectories(root_ / "fs/GPS"));
   ASSERT_TRUE(gps::platform::MakeDirectories(root_ / "config"));
   std::mt19937 random(15);
