@@ -268,6 +268,7 @@ bool Resource::OpenSerial(std::string& reason) {
       return false;
     }
     if (*found != path_) Sys_log(5, "GPS resource: u-blox receiver found at %s", found->c_str());
+    lastComplaint_.clear();  // a receiver found is news, whatever it does next
     path_ = *found;
     if (settings_.port.empty()) {
       port_ = ublox::PortOfDevice(path_, HostRoot());

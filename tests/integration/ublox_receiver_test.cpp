@@ -21,6 +21,8 @@ struct Attachment {
   bool ubxOnly;
 };
 
+void PrintTo(const Attachment& attachment, std::ostream* out) { *out << attachment.name; }
+
 class UbloxReceiver : public testing::TestWithParam<Attachment> {
  protected:
   gps::test::TempRoot root_;

@@ -199,7 +199,7 @@ TEST_F(GpsResource, AReceiverThatNeverAcknowledgesIsLoggedOnceAndTriedAgain) {
   ASSERT_EQ(Open(pty.slavePath(), 9600, "port = usb\n"), 0);
   EXPECT_EQ(Power(true), GPS_RESOURCE_ERROR_DEVICE);
   pty.Send(kGga);
-  EXPECT_EQ(Collect(1, 6500ms), "");
+  EXPECT_EQ(Collect(1, 7500ms), "");  // the retry comes 5 s after the first 1 s wait
   EXPECT_EQ(log.linesAt(3).size(), 1u);
   EXPECT_NE(log.linesAt(3).at(0).find(pty.slavePath() + " did not acknowledge the set-up of its usb port (CFG-PRT)"),
             std::string::npos);

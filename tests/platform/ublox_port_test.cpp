@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
 #include "tests/support/test_env.h"
@@ -55,6 +56,47 @@ TEST(UbloxPort, CfgMsgEnablingOnDdcAloneIsCarriedToTheAttachedPortAndNothingElse
       EXPECT_FALSE(carried) << c.legend;
     } else {
       EXPECT_EQ(carried, FromHex(c.out)) << c.legend;
+    }
+  }
+}
+
+// What proves a line speed and answers a set-up: whole sentences and frames
+// with good checksums, and the acknowledgements among them.
+TEST(UbloxPort, ScannerCountsOnlyWholeMessagesWithGoodChecksums) {
+  const std::string gga = "$GPGGA,092750.000,5321.6802,N,00630.3372,W,1,8,1.03,61.7,M,55.2,M,,*76";
+  std::string garbled = gga + "\r\n";
+  for (char& c : garbled) c = static_cast<char>(c | 0x80);  // what a wrong line speed gives
+  const auto bytes = [](const std::string& hex) {
+    const auto b = FromHex(hex);
+    return std::string(b.begin(), b.end());
+  };
+  const struct {
+    const char* legend;
+    std::string stream;
+    int good;
+    std::optional<bool> portAck;
+  } cases[] = {
+      {"a sentence", gga + "\r\n", 1, {}},
+      {"a sentence ended by LF alone", gga + "\n", 1, {}},
+      {"a wrong NMEA checksum", gga.substr(0, gga.size() - 1) + "7\r\n", 0, {}},
+      {"no checksum", gga.substr(0, gga.size() - 3) + "\r\n", 0, {}},
+      {"a sentence cut short", gga.substr(0, 30), 0, {}},
+      {"the wrong speed", garbled + garbled, 0, {}},
+      {"MON-VER poll frame", bytes("B5 62 0A 04 00 00 0E 34"), 1, {}},
+      {"a wrong UBX checksum", bytes("B5 62 0A 04 00 00 0E 35"), 0, {}},
+      {"ACK-ACK of CFG-PRT", bytes("B5 62 05 01 02 00 06 00 0E 37"), 1, true},
+      {"ACK-NAK of CFG-PRT", bytes("B5 62 05 00 02 00 06 00 0D 32"), 1, false},
+      {"ACK-ACK of CFG-MSG", bytes("B5 62 05 01 02 00 06 01 0F 38"), 1, {}},
+      {"noise, then a frame and a sentence", "\xB5$\xB5\x62\xFF" + bytes("B5 62 05 01 02 00 06 00 0E 37") + gga + "\r\n", 2, true},
+  };
+  for (const auto& c : cases) {
+    for (size_t split = 0; split <= c.stream.size(); split += 7) {
+      ublox::Scanner scanner;
+      const auto* data = reinterpret_cast<const uint8_t*>(c.stream.data());
+      scanner.Push({data, split});
+      scanner.Push({data + split, c.stream.size() - split});
+      EXPECT_EQ(scanner.goodMessages(), c.good) << c.legend << ", split at " << split;
+      EXPECT_EQ(scanner.Ack(0x06, 0x00), c.portAck) << c.legend;
     }
   }
 }
