@@ -370,6 +370,18 @@ TEST(EngineControl, GprsChannelHangUpLeavesTheEngineIdleAndServing) {
     modem = startModem();
     EXPECT_TRUE(WaitFor([] { return GetPosition(GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX).result == 0; }))
         << "the channel is opened again and the receiver run as requested";
+
+    // The same with the receiver running: the read that finds the hang-up
+    // takes the channel out, and the modem that comes back is run again.
+    modem.reset();
+    std::filesystem::remove(root / "tmp/gps_dgprs");
+    std::this_thread::sleep_for(2500ms);  // the fix turns old
+    const auto runningBefore = gps::test::EngineThreadCpuTime();
+    std::this_thread::sleep_for(1s);
+    EXPECT_LT((gps::test::EngineThreadCpuTime() - runningBefore) * 100, 1s) << "under 1 % of a core";
+    modem = startModem();
+    EXPECT_TRUE(WaitFor([] { return GetPosition(GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX).result == 0; }))
+        << "run again after the second hang-up";
   });
 }
 
