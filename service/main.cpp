@@ -103,7 +103,7 @@ int StoredConfigurationProblem(const std::string& serviceClass) {
 }
 
 int ServiceProblem(const halvorda::service::Service& service) {
-  if (service.getServiceClass().empty() || service.getAddress().empty()) {
+  if (!service.hasManifest()) {
     ProcessLine(3, "gps-service: the manifest %s cannot be used (see the lines above); the service does not start",
                 GPS_SERVICE_MANIFEST);
     return kExitConfig;

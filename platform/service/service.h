@@ -69,6 +69,8 @@ class Service {
   // The absolute path of the listening socket.
   const std::string& getSocketPath() const { return socketPath_; }
   bool isListening() const { return listener_ >= 0; }
+  // The manifest was read and names a usable class and address.
+  bool hasManifest() const { return manifestOk_; }
 
   // The interface receives the service's messages (its bindings join the
   // dispatch) until removed or destroyed.

@@ -361,6 +361,12 @@ TEST_F(GpsService, StartFailuresExitWithTheirStatusAndNameTheCause) {
       {"a line of platform.ini that does not parse",
        [&] { std::ofstream(root_ / "platform.ini") << "[gps]\ndevice = sim\n[log\n"; },
        {GPS_SERVICE_BINARY}, 78, root_ / "platform.ini:3: cannot parse \"[log\""},
+      {"a manifest without a class",
+       [&] {
+         std::filesystem::create_directories(root_ / "param/DATAAEC8999.TAR/manifest");
+         std::ofstream(root_ / "param/DATAAEC8999.TAR/manifest/local.device.gps.MNF") << "[service]\naddress = x\n";
+       },
+       {GPS_SERVICE_BINARY}, 78, "the manifest file://param/DATAAEC8999.TAR/manifest/local.device.gps.MNF cannot be used"},
       {"a platform root where nothing can be created", [&] { std::ofstream(root_ / "run") << "a file"; },
        {GPS_SERVICE_BINARY}, 73, "cannot create " + (root_ / "run")},
       {"too few descriptors", [] {}, {"/bin/sh", "-c", "ulimit -n 16; exec " GPS_SERVICE_BINARY}, 71,
