@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "engine/gps_geolocating.h"
 #include "platform/os.h"
@@ -30,17 +31,6 @@ service::Permissions Everyone() {
                               service::Permissions::PAYMENT + service::Permissions::QUILLA_P2PE +
                               service::Permissions::WEB_P2PE + service::Permissions::VERTICAL +
                               service::Permissions::ANDROID);
-}
-
-// One 16-byte text query of the engine; a current fix only (result 0) fills
-// the field.
-template <typename Query, typename Setter>
-Error ReadCurrentText(Query query, Setter set) {
-  char text[16] = {};
-  uint32_t age = 0;
-  if (query(text, &age, kAcceptOldFix) != GEOLOCATING_GPS_ERROR_SUCCESS) return GPS_SERVICE_ERROR_FAILED;
-  set(std::string(text, strnlen(text, sizeof text)));
-  return 0;
 }
 
 int Digits(const std::string& text, size_t at, size_t count) { return std::atoi(text.substr(at, count).c_str()); }
@@ -75,18 +65,25 @@ bool IsUtf8(const std::string& text) {
   return true;
 }
 
-// Clears the singular string fields of the message that are not valid UTF-8.
-void DropInvalidText(google::protobuf::Message& message) {
-  const google::protobuf::Descriptor* descriptor = message.GetDescriptor();
-  const google::protobuf::Reflection* reflection = message.GetReflection();
-  for (int i = 0; i < descriptor->field_count(); ++i) {
-    const google::protobuf::FieldDescriptor* field = descriptor->field(i);
-    if (field->type() != google::protobuf::FieldDescriptor::TYPE_STRING || field->is_repeated() ||
-        !reflection->HasField(message, field) || IsUtf8(reflection->GetString(message, field)))
-      continue;
-    Sys_log(4, "GPS: %s is not UTF-8 text; left out of the state.", field->name().c_str());
-    reflection->ClearField(&message, field);
-  }
+// A text from the engine that may go into the state: the client's parser
+// refuses a whole message over one string field that is not UTF-8.
+bool Sendable(const char* field, const std::string& text) {
+  if (IsUtf8(text)) return true;
+  Sys_log(4, "GPS: %s is not UTF-8 text; left out of the state.", field);
+  return false;
+}
+
+// One 16-byte text query of the engine; a current fix only (result 0) fills
+// the field.
+template <typename Query, typename Setter>
+Error ReadCurrentText(const char* field, Query query, Setter set) {
+  char text[16] = {};
+  uint32_t age = 0;
+  if (query(text, &age, kAcceptOldFix) != GEOLOCATING_GPS_ERROR_SUCCESS) return GPS_SERVICE_ERROR_FAILED;
+  std::string value(text, strnlen(text, sizeof text));
+  if (!Sendable(field, value)) return GPS_SERVICE_ERROR_FAILED;
+  set(std::move(value));
+  return 0;
 }
 
 }  // namespace
@@ -194,7 +191,6 @@ void GPSCore::fillState(gpsmsg::SetGetStateResponse& response) {
   readHeading(state);
   readHdop(state);
   readAltitude(state);
-  DropInvalidText(state);
 }
 
 Error GPSCore::readTtff(gpsmsg::State& state) {
@@ -217,7 +213,8 @@ Error GPSCore::readPosition(gpsmsg::State& state) {
     return GPS_SERVICE_ERROR_FAILED;
   const std::string lat(latitude, strnlen(latitude, sizeof latitude));
   const std::string lon(longitude, strnlen(longitude, sizeof longitude));
-  if (lat.empty() || lon.empty()) return GPS_SERVICE_ERROR_FAILED;
+  if (lat.empty() || lon.empty() || !Sendable("strlatitude", lat) || !Sendable("strlongitude", lon))
+    return GPS_SERVICE_ERROR_FAILED;
   state.set_strlatitude(lat);
   state.set_strlongitude(lon);
   state.set_latitude(convertAngleNMEA(lat));
@@ -255,23 +252,23 @@ Error GPSCore::readDateTime(gpsmsg::State& state) {
 }
 
 Error GPSCore::readSpeedKmh(gpsmsg::State& state) {
-  return ReadCurrentText(lib_GPS_Geolocating_GPS_GetSpeedKMH, [&](const std::string& t) { state.set_speedkmh(t); });
+  return ReadCurrentText("speedkmh", lib_GPS_Geolocating_GPS_GetSpeedKMH, [&](std::string t) { state.set_speedkmh(std::move(t)); });
 }
 
 Error GPSCore::readSpeedKnot(gpsmsg::State& state) {
-  return ReadCurrentText(lib_GPS_Geolocating_GPS_GetSpeedKnot, [&](const std::string& t) { state.set_speedknot(t); });
+  return ReadCurrentText("speedknot", lib_GPS_Geolocating_GPS_GetSpeedKnot, [&](std::string t) { state.set_speedknot(std::move(t)); });
 }
 
 Error GPSCore::readHeading(gpsmsg::State& state) {
-  return ReadCurrentText(lib_GPS_Geolocating_GPS_GetHeading, [&](const std::string& t) { state.set_heading(t); });
+  return ReadCurrentText("heading", lib_GPS_Geolocating_GPS_GetHeading, [&](std::string t) { state.set_heading(std::move(t)); });
 }
 
 Error GPSCore::readHdop(gpsmsg::State& state) {
-  return ReadCurrentText(lib_GPS_Geolocating_GPS_GetHDOP, [&](const std::string& t) { state.set_hdop(t); });
+  return ReadCurrentText("hdop", lib_GPS_Geolocating_GPS_GetHDOP, [&](std::string t) { state.set_hdop(std::move(t)); });
 }
 
 Error GPSCore::readAltitude(gpsmsg::State& state) {
-  return ReadCurrentText(lib_GPS_Geolocating_GPS_GetAltitude, [&](const std::string& t) { state.set_altitude(t); });
+  return ReadCurrentText("altitude", lib_GPS_Geolocating_GPS_GetAltitude, [&](std::string t) { state.set_altitude(std::move(t)); });
 }
 
 int32_t GPSCore::convertAngleNMEA(const std::string& angle) {

@@ -23,7 +23,7 @@ TEST(StateText, FieldsThatAreNotUtf8AreLeftOutAndTheStateStillParses) {
   gps_private_info.fix_tick = ticks.now();
   std::strcpy(gps_private_info.latitude, "4404.14063N");
   std::strcpy(gps_private_info.longitude, "12118.85478W");
-  std::strcpy(gps_private_info.altitude, "1147.2");
+  std::strcpy(gps_private_info.altitude, "1147\x80");        // a continuation byte without its lead
   std::strcpy(gps_private_info.hdop, "0.9\xc3\x28");         // a lead byte without its continuation
   gps_private_info.vtg_mode = 'A';
   gps_private_info.course_speed_tick = ticks.now();
@@ -36,9 +36,9 @@ TEST(StateText, FieldsThatAreNotUtf8AreLeftOutAndTheStateStillParses) {
   GPSCore::fillState(response);
   const msg::State& state = response.state();
   EXPECT_EQ(state.strlatitude(), "4404.14063N");
-  EXPECT_EQ(state.altitude(), "1147.2");
   EXPECT_EQ(state.speedknot(), "0.117");
   EXPECT_EQ(state.heading(), "\xc3\xa9");
+  EXPECT_FALSE(state.has_altitude());
   EXPECT_FALSE(state.has_hdop());
   EXPECT_FALSE(state.has_speedkmh());
   std::string wire;
