@@ -333,22 +333,30 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
 
-  auto latencies = [](Daemon& d) {
+  // Latencies, and the three slowest epochs by their UTC second.
+  auto latencies = [](Daemon& d, std::string& slowest) {
     std::lock_guard lock(d.mutex);
     std::vector<double> us;
+    std::vector<std::pair<double, std::string>> bySecond;
     for (const auto& [second, arrived] : d.tpvArrived) {
       const auto gga = d.ggaWritten.find(second);
-      if (gga != d.ggaWritten.end() && arrived >= gga->second)
-        us.push_back(std::chrono::duration<double, std::micro>(arrived - gga->second).count());
+      if (gga == d.ggaWritten.end() || arrived < gga->second) continue;
+      us.push_back(std::chrono::duration<double, std::micro>(arrived - gga->second).count());
+      bySecond.emplace_back(us.back(), second);
     }
+    std::sort(bySecond.rbegin(), bySecond.rend());
+    for (size_t i = 0; i < bySecond.size() && i < 3; ++i)
+      slowest += " " + bySecond[i].second + " (" + std::to_string(static_cast<int>(bySecond[i].first)) + " us)";
     return us;
   };
-  const auto oursUs = latencies(ours);
-  const auto peerUs = latencies(peer);
+  std::string oursSlowest, peerSlowest;
+  const auto oursUs = latencies(ours, oursSlowest);
+  const auto peerUs = latencies(peer, peerSlowest);
   std::printf("\nGGA last byte on the line -> TPV at a watcher\n");
   for (const auto& [name, us] : {std::pair{ours.name, oursUs}, std::pair{peer.name, peerUs}})
     std::printf("  %-12s p50 %9.1f us   p90 %9.1f us   p99 %9.1f us   max %9.1f us   (%zu epochs)\n", name,
                 Percentile(us, 50), Percentile(us, 90), Percentile(us, 99), Percentile(us, 100), us.size());
+  std::printf("  slowest epochs (hhmmss): gps-service%s; gpsd%s\n", oursSlowest.c_str(), peerSlowest.c_str());
   if (!oursUs.empty() && !peerUs.empty())
     std::printf("  p99 ratio gps-service / gpsd: %.3f (goal: at most 0.5)\n",
                 Percentile(oursUs, 99) / Percentile(peerUs, 99));

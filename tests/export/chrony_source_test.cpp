@@ -118,6 +118,14 @@ TEST(ChronySource, SendsTheSampleAndLogsAnAbsentChronydOnce) {
   EXPECT_EQ(source.sent(), 1u);
   EXPECT_EQ(log.linesAt(6).size(), 1u) << "its return is noted";
   ::close(server);
+  ::unlink(path.c_str());
+  source.send(sample);
+  EXPECT_EQ(log.linesAt(4).size(), 2u) << "gone again: one more line";
+
+  gps::exporter::ChronySource tooLong(root / std::string(200, 'x'));
+  tooLong.send(sample);
+  EXPECT_EQ(tooLong.sent(), 0u);
+  EXPECT_EQ(log.linesAt(4).size(), 3u) << "a path no socket can have is named once";
 }
 
 }  // namespace

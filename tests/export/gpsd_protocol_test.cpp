@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -94,7 +95,7 @@ TEST_F(GpsdReports, EpochBecomesTpvAndSky) {
       "$GNGGA,171926.00,4404.14063,N,12118.85478,W,1,12,0.91,1147.2,M,-21.3,M,,*44\r\n"
       "$GNGSA,A,3,01,11,,,,,,,,,,,1.56,0.91,1.27*15\r\n"
       "$GNGSA,A,3,65,,,,,,,,,,,,1.56,0.91,1.27*15\r\n"
-      "$GPGSV,1,1,03,01,53,280,36,11,29,301,24,04,05,223,00*7C\r\n");
+      "$GPGSV,1,1,04,01,53,280,36,11,29,301,24,04,05,223,00,64,10,200,30*7C\r\n");
   const auto view = View();
   const auto& fix = view.fix;
   EXPECT_EQ(fix.mode, 3);
@@ -115,13 +116,16 @@ TEST_F(GpsdReports, EpochBecomesTpvAndSky) {
 
   const auto sky = nlohmann::json::parse(gps::exporter::SkyObject("sim", view.sky, fix.utcMs));
   EXPECT_EQ(gps::test::SchemaProblems(sky), "") << sky.dump();
-  EXPECT_EQ(sky["nSat"], 3);
+  EXPECT_EQ(sky["nSat"], 4);
   EXPECT_EQ(sky["uSat"], 2) << "01 and 11 used, in both GSA of the burst";
   EXPECT_EQ(sky["satellites"][0]["PRN"], 1);
   EXPECT_EQ(sky["satellites"][0]["ss"], 36.0);
   EXPECT_FALSE(sky["satellites"][1]["used"].get<bool>()) << "PRN 4 is in view only";
   EXPECT_TRUE(sky["satellites"][2]["used"].get<bool>()) << "PRN 11";
   EXPECT_EQ(sky["pdop"], 1.56);
+  EXPECT_EQ(sky["satellites"][3]["gnssid"], 1) << "NMEA 33-64 are SBAS";
+  EXPECT_EQ(sky["satellites"][3]["svid"], 151);
+  EXPECT_EQ(sky["satellites"][0]["gnssid"], 0);
 
   // Ten seconds without sentences: nothing current is left to report.
   ticks_.advance(1000);
@@ -176,6 +180,28 @@ TEST_F(GpsdReports, EveryObjectFollowsTheProtocol) {
   EXPECT_EQ(poll["sky"][0]["nSat"], 1);
   const auto dev = nlohmann::json::parse(gps::exporter::DeviceObject(device, View().device, true));
   EXPECT_EQ(dev["driver"], "NMEA0183") << "no UBX seen yet";
+  EXPECT_EQ(dev["bps"], 9600);
+  EXPECT_EQ(dev["activated"], "2023-11-14T22:13:20.000Z");
+}
+
+// A coordinate the receiver garbled gives no position rather than a wrong one.
+TEST(GpsdCoordinates, NmeaTextToSignedDegrees) {
+  struct Case {
+    const char* text;
+    std::optional<double> degrees;
+  };
+  const Case cases[] = {
+      {"4807.038N", 48.0 + 7.038 / 60}, {"01131.000E", 11.0 + 31.0 / 60}, {"3351.5S", -(33.0 + 51.5 / 60)},
+      {"12118.85478W", -(121.0 + 18.85478 / 60)}, {"4807.038", std::nullopt}, {"48x7.038N", std::nullopt},
+      {"4860.000N", std::nullopt}, {"07.5N", std::nullopt}, {"", std::nullopt}, {"4807.0-8N", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    const auto got = gps::exporter::NmeaAngleDegrees(c.text);
+    ASSERT_EQ(got.has_value(), c.degrees.has_value()) << c.text;
+    if (got) {
+      EXPECT_NEAR(*got, *c.degrees, 1e-12) << c.text;
+    }
+  }
 }
 
 // Receiver messages stay readable, whole and in order, for watchers that
