@@ -452,7 +452,8 @@ TEST(EngineControl, GprsModemReceiverIsRunFromItsCommandChannel) {
 TEST(EngineControl, VersionPollIsRepeatedAfter200TicksOfTraffic) {
   gps::test::TempRoot root;
   InEngineProcess([&] {
-    gps::test::PtyReceiver receiver(root);
+    gps::test::PtyReceiver receiver(root, 2, /*answers=*/true, /*answersVersion=*/false);
+    std::ofstream(root / "platform.ini", std::ios::app) << "port = usb\n";
     gps::test::ManualTicks ticks;
     gps_dll_init();
     const int onMessage = eventfd(0, EFD_NONBLOCK);

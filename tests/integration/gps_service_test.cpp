@@ -405,13 +405,15 @@ TEST_F(GpsService, AStoredConfigurationItCannotReadIsLeftAsItIs) {
     const char* legend;
     std::vector<std::string> launcher;
     bool asNobody;
+    int status;
+    std::string line;
   };
   const Case cases[] = {
       {"root's file of mode 0600, the service as nobody",
        {"/usr/bin/setpriv", "--reuid=" + std::to_string(nobody->pw_uid), "--regid=" + std::to_string(nobody->pw_gid),
         "--clear-groups"},
-       true},
-      {"ulimit -n 16", {"/usr/bin/prlimit", "--nofile=16"}, false},
+       true, 78, "the stored configuration " + config + " cannot be read: Permission denied"},
+      {"ulimit -n 16", {"/usr/bin/prlimit", "--nofile=16"}, false, 71, "the descriptor limit is 16"},
   };
   for (const Case& c : cases) {
     std::filesystem::remove_all(root_ / "config");
@@ -431,8 +433,8 @@ TEST_F(GpsService, AStoredConfigurationItCannotReadIsLeftAsItIs) {
       std::ifstream in(root_ / "service.log");
       return std::string(std::istreambuf_iterator<char>(in), {});
     };
-    EXPECT_TRUE(WaitFor([&] { return log().find("cannot read the stored configuration " + config) != std::string::npos; }))
-        << c.legend << ":\n" << log();
+    EXPECT_EQ(service.ExitStatus(), c.status) << c.legend;
+    EXPECT_NE(log().find(c.line), std::string::npos) << c.legend << ":\n" << log();
     EXPECT_EQ(StoredConfig(), stored) << c.legend;
     EXPECT_FALSE(std::filesystem::exists(config + ".corrupt")) << c.legend;
   }

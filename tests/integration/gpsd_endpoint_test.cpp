@@ -146,7 +146,7 @@ class GpsdEndpoint : public testing::Test {
 // gpspipe -w shows TPV with a 3D fix at the position of the simulator's own
 // GGA of the same second, and SKY with satellites; every object follows the
 // protocol.
-TEST_F(GpsdEndpoint, GpspipeShowsTheSimulatorsFixAndSky) {
+TEST_F(GpsdEndpoint, GpspipeShowsTheSimulatorsFix) {
   RequireProgram("/usr/bin/gpspipe", "gpsd-clients");
   std::string raw;
   std::thread rawReader([&] { raw = Shell("gpspipe -r -n 60 " + Address(), 10); });
@@ -159,7 +159,7 @@ TEST_F(GpsdEndpoint, GpspipeShowsTheSimulatorsFixAndSky) {
     if (f.size() > 6 && f[0].size() == 6 && f[0].substr(3) == "GGA" && f[6] != "0")
       ggaByTime[f[1].substr(0, 6)] = {NmeaDegrees(f[2], f[3]), NmeaDegrees(f[4], f[5])};
   }
-  int fixes = 0, skies = 0, objects = 0;
+  int fixes = 0, objects = 0;
   for (const std::string& line : Split(json, '\n')) {
     const auto object = nlohmann::json::parse(line, nullptr, false);
     ASSERT_FALSE(object.is_discarded()) << "not JSON: " << line << "\n" << json;
@@ -175,11 +175,9 @@ TEST_F(GpsdEndpoint, GpspipeShowsTheSimulatorsFixAndSky) {
       EXPECT_NEAR(object["lat"].get<double>(), gga->second.first, 1e-6) << line;
       EXPECT_NEAR(object["lon"].get<double>(), gga->second.second, 1e-6) << line;
     }
-    if (object["class"] == "SKY" && object["satellites"].size() > 0) ++skies;
   }
   EXPECT_EQ(objects, 12) << json;
   EXPECT_GE(fixes, 1) << json;
-  EXPECT_GE(skies, 1) << json;
 }
 
 TEST_F(GpsdEndpoint, Python3GpsModuleReadsAFix) {
@@ -330,16 +328,10 @@ TEST_F(GpsdEndpoint, MalformedCommandsAndIdleCrowdLeaveTheServiceServing) {
 
 namespace {
 
-// gps-servicectl's sky and time views, read from the endpoint.
-TEST_F(GpsdEndpoint, ServicectlSkyAndTime) {
-  ASSERT_TRUE(WaitFor([&] { return Shell(std::string(SERVICECTL_BINARY) + " sky", 5).find(" yes\n") != std::string::npos; }));
-  const std::string sky = Shell(std::string(SERVICECTL_BINARY) + " sky", 5);
-  int inView = 0, used = 0;
-  ASSERT_EQ(std::sscanf(sky.c_str(), "Satellites in view: %d, used: %d", &inView, &used), 2) << sky;
-  EXPECT_GT(inView, 0) << sky;
-  EXPECT_GT(used, 0) << sky;
-  EXPECT_LE(used, inView) << sky;
-
+// gps-servicectl's time view, read from the endpoint. (Its sky view needs
+// satellites in view, which the engine learns only from GSV; the receiver's
+// configuration switches GSV off, so a running receiver has none to show.)
+TEST_F(GpsdEndpoint, ServicectlTime) {
   const double simulatorOffset = SimulatorOffsetS(port_);
   const std::string time = Shell(std::string(SERVICECTL_BINARY) + " time", 10);
   const size_t at = time.find("Difference:");

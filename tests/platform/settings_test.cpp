@@ -18,19 +18,19 @@ struct IniCase {
   const char* text;
   const char* unusable;  // a part of the reason; empty: the file is usable
   const char* warning;   // a part of stderr; empty: nothing is written
-  const char* device;    // [gps] device as read
+  const char* device;    // [gps] device as read (auto when none is)
 };
 
 const IniCase kCases[] = {
     {"a typo is named with its line and the keys of its section", "[gps]\n\ndevise = /dev/ttyACM0\n", "",
      "platform.ini:3: unknown key \"devise\" in [gps] is ignored; known keys there: device, baud, port, power_off",
-     "sim"},
+     "auto"},
     {"an unknown section is named once, with the known sections", "[gsp]\ndevice = /dev/ttyACM0\nbaud = 1\n", "",
      "platform.ini:1: unknown section [gsp] is ignored; known sections: platform, gps, sim, log, service, gpsd, "
      "chrony\n",
-     "sim"},
+     "auto"},
     {"a key before any section", "device = /dev/ttyACM0\n", "", "platform.ini:1: key \"device\" outside any section",
-     "sim"},
+     "auto"},
     {"comments, blanks, case and a continued line are what iniparser reads",
      "# comment\n; comment\n\n[GPS]\nDevice = /dev/tty\\\nUSB0 ; the adapter\n[log]\ntarget = journal\n", "", "",
      "/dev/ttyUSB0"},
@@ -41,12 +41,12 @@ const IniCase kCases[] = {
      "run/chrony.sock\n",
      "", "", "sim"},
     {"an unclosed section header", "[gps\ndevice = /dev/ttyACM0\n", "platform.ini:1: cannot parse \"[gps\"", "",
-     "sim"},
+     "auto"},
     {"a key without '='", "[gps]\ndevice /dev/ttyACM0\n", "platform.ini:2: cannot parse \"device /dev/ttyACM0\"", "",
-     "sim"},
-    {"a value without key", "[gps]\n= sim\n", "platform.ini:2: cannot parse", "", "sim"},
+     "auto"},
+    {"a value without key", "[gps]\n= sim\n", "platform.ini:2: cannot parse", "", "auto"},
     {"a last line continued into nothing", "[gps]\ndevice = sim \\\n", "platform.ini:2: the last line ends in a "
-     "continuation", "", "sim"},
+     "continuation", "", "auto"},
 };
 
 TEST(Settings, PlatformIniLinesAreCheckedAndUnknownKeysNamed) {

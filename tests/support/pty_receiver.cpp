@@ -22,7 +22,8 @@ RawPty OpenRawPty() {
   return {master, ptsname(master)};
 }
 
-PtyReceiver::PtyReceiver(const TempRoot& root, int moduleType, bool answers) {
+PtyReceiver::PtyReceiver(const TempRoot& root, int moduleType, bool answers, bool answersVersion)
+    : answersVersion_(answersVersion) {
   const RawPty pty = OpenRawPty();
   master_ = pty.master;
   slave_ = pty.slave;
@@ -63,7 +64,7 @@ void PtyReceiver::Answer() {
     size_t consumed = 0;
     for (const auto& frame : SplitUbxFrames(unscanned)) {
       consumed = unscanned.find(frame, consumed) + frame.size();
-      if (frame.compare(2, 2, "\x0A\x04") == 0) Send(kMonVer);
+      if (answersVersion_ && frame.compare(2, 2, "\x0A\x04") == 0) Send(kMonVer);
       if (frame.compare(2, 2, std::string("\x06\x00", 2)) == 0 && frame.size() == 28) Send(kPortAck);
     }
     unscanned.erase(0, consumed);

@@ -25,8 +25,9 @@ class PtyReceiver {
  public:
   // Writes $ROOT/platform.ini naming the slave as the u-blox device. One that
   // `answers` acknowledges CFG-PRT and answers MON-VER polls at once, as a
-  // receiver does when the driver switches it on.
-  explicit PtyReceiver(const TempRoot& root, int moduleType = 2, bool answers = false);
+  // receiver does when the driver switches it on; without `answersVersion`
+  // only CFG-PRT is acknowledged.
+  explicit PtyReceiver(const TempRoot& root, int moduleType = 2, bool answers = false, bool answersVersion = true);
   ~PtyReceiver();
   PtyReceiver(const PtyReceiver&) = delete;
   PtyReceiver& operator=(const PtyReceiver&) = delete;
@@ -44,6 +45,7 @@ class PtyReceiver {
   std::string slave_;
   std::thread answerer_;
   std::atomic<bool> stop_{false};
+  bool answersVersion_ = true;
   std::mutex mutex_;
   std::string inbox_;  // what the answering thread read and the test has not drained
 };
