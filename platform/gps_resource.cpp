@@ -121,6 +121,7 @@ class Resource {
   int GetData(gps_device_data_t& block);
   int Send(const gps_send_data_t& block);
   int SetPower(bool on);
+  int Reload();
   int Descriptor() const { return open_ && device_ ? wait_.get() : -1; }
 
  private:
@@ -256,6 +257,26 @@ int Resource::Close() {
   // The engine switches a reopened receiver on again when it wants it on.
   power_ = Power::Unset;
   return 0;
+}
+
+// platform.ini read again: a changed device, speed, port or power-off mode
+// is taken as a replug of the new receiver (closed, opened, and put in the
+// power state it had); anything else leaves the open line alone.
+int Resource::Reload() {
+  if (!open_) return GPS_RESOURCE_ERROR_NOT_OPEN;
+  const gps::platform::Settings fresh = gps::platform::ReadSettings();
+  if (!fresh.unusable.empty()) return GPS_RESOURCE_ERROR_ARGUMENT;
+  if (fresh.device == settings_.device && fresh.baud == settings_.baud && fresh.port == settings_.port &&
+      fresh.powerOff == settings_.powerOff)
+    return 0;
+  Sys_log(5, "GPS resource: [gps] changed in %s; reopening the receiver (%s)", IniPath().c_str(),
+          fresh.device.c_str());
+  const Power power = power_;
+  Close();
+  gps::platform::ReloadSettings();
+  const int opened = Open();
+  if (opened == 0 && power != Power::Unset) SetPower(power == Power::On);
+  return opened;
 }
 
 bool Resource::OpenSerial(std::string& reason) {
@@ -665,6 +686,11 @@ int GPS_SetPowerState(const gps_power_state_t* state) {
   if (!state) return GPS_RESOURCE_ERROR_ARGUMENT;
   std::lock_guard lock(g_mutex);
   return Instance().SetPower(state->on == 1);
+}
+
+int GPS_ReloadResourceSettings(void) {
+  std::lock_guard lock(g_mutex);
+  return Instance().Reload();
 }
 
 int GPS_GetResourceDescriptor(void) {

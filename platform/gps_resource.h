@@ -37,6 +37,10 @@ int GPS_CloseResource(void);
 int GPS_GetDeviceData(gps_device_data_t* block);
 int GPS_SendDataToGps(const gps_send_data_t* block);
 int GPS_SetPowerState(const gps_power_state_t* state);
+// Reads [gps] of platform.ini again (SIGHUP) and reopens the receiver, in the
+// power state it had, only when its device, baud, port or power_off changed.
+// 0 when nothing changed or the new receiver opened.
+int GPS_ReloadResourceSettings(void);
 
 // A descriptor that becomes readable when receiver data may be ready, for the
 // engine thread's wait; -1 while the resource is closed or the device is gone.

@@ -20,6 +20,7 @@
 
 #include "engine/gps_thread.h"
 #include "export/exporter.h"
+#include "platform/gps_resource.h"
 #include "platform/oem.h"
 #include "platform/os.h"
 #include "platform/root.h"
@@ -117,8 +118,9 @@ int ServiceProblem(const halvorda::service::Service& service) {
   return 0;
 }
 
-// SIGHUP: the [log] settings of platform.ini take effect; clients, the stored
-// configuration and the receiver are left as they are.
+// SIGHUP: the [log] settings of platform.ini take effect, and the receiver is
+// reopened when its [gps] settings changed; clients and the stored
+// configuration are left as they are.
 void Reload() {
   const std::string state = "RELOADING=1\nMONOTONIC_USEC=" + std::to_string(MonotonicMs() * 1000);
   halvorda::service::NotifySystemd(state);
@@ -128,9 +130,7 @@ void Reload() {
   } else {
     gps::platform::ApplyLogSettings(fresh);
     Sys_log(5, "platform.ini re-read: log threshold %d", fresh.logThreshold);
-    // RECEIVER RELOAD: the receiver device part of SIGHUP goes here, as one
-    // call of GPS_ReloadResourceSettings() (platform/gps_resource.h), which
-    // reopens the receiver only when its device or speed changed.
+    GPS_ReloadResourceSettings();
   }
   halvorda::service::NotifySystemd("READY=1");
 }

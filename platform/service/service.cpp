@@ -93,7 +93,7 @@ struct Service::Connection final : Link::Replier {
   os::Error reply(std::span<const uint8_t> frame) override {
     if (closing) return ERROR_DISCONNECTED;
     if (queuedBytes() + frame.size() > service.limits_.maxSendBufferBytes) {
-      Sys_log(3, "service: connection %d (uid %u) does not read its answers; closing it.", fd,
+      Sys_log(4, "service: connection %d (uid %u) does not read its answers; closing it.", fd,
               static_cast<unsigned>(certificate.uid()));
       closing = true;
       return ERROR_SEND;
@@ -294,7 +294,7 @@ os::Error Service::addConnection(int fd) {
   if (epoll_ < 0 || connections_.size() >= limits_.maxConnections) {
     const uint64_t now = NowMs();
     if (now - lastCapLogMs_ >= 1000) {
-      Sys_log(3, "service: %zu connections open, the most allowed; refusing new ones.", connections_.size());
+      Sys_log(4, "service: %zu connections open, the most allowed; refusing new ones.", connections_.size());
       lastCapLogMs_ = now;
     }
     ::close(fd);
@@ -423,7 +423,7 @@ void Service::processFrames(Connection& connection) {
       const FrameReader::Result result = connection.reader.next(header, payload);
       if (result == FrameReader::Result::NeedMore) return;
       if (result == FrameReader::Result::Broken) {
-        Sys_log(3, "service: connection %d (uid %u) sent a broken frame (%s); closing it.", connection.fd,
+        Sys_log(4, "service: connection %d (uid %u) sent a broken frame (%s); closing it.", connection.fd,
                 static_cast<unsigned>(connection.certificate.uid()),
                 HeaderStatusText(connection.reader.brokenStatus()));
         connection.closing = true;
@@ -446,7 +446,7 @@ os::Error Service::deliver(Link& link) {
 void Service::handleFrame(Connection& connection, const FrameHeader& header, std::span<const uint8_t> payload) {
   const unsigned uid = static_cast<unsigned>(connection.certificate.uid());
   if (header.kind == FrameKind::Response || header.kind == FrameKind::Error) {
-    Sys_log(3, "service: connection %d (uid %u) sent an answer frame to a service; closing it.", connection.fd, uid);
+    Sys_log(4, "service: connection %d (uid %u) sent an answer frame to a service; closing it.", connection.fd, uid);
     connection.closing = true;
     return;
   }
@@ -463,7 +463,7 @@ void Service::handleFrame(Connection& connection, const FrameHeader& header, std
     result = deliver(link);
   }
   if (link.decodeFailed()) {
-    Sys_log(3, "service: connection %d (uid %u) sent an undecodable %016llx; closing it.", connection.fd, uid,
+    Sys_log(4, "service: connection %d (uid %u) sent an undecodable %016llx; closing it.", connection.fd, uid,
             static_cast<unsigned long long>(header.messageType));
     connection.closing = true;
     return;
@@ -488,7 +488,7 @@ void Service::handleReservation(Connection& connection, const FrameHeader& heade
   Link link(header.kind, header.messageType, header.requestId, payload, connection.certificate, &connection);
   ReservationRequest request;
   if (link.decode(request) != os::ERROR_NONE) {
-    Sys_log(3, "service: connection %d sent an undecodable reservation request; closing it.", connection.fd);
+    Sys_log(4, "service: connection %d sent an undecodable reservation request; closing it.", connection.fd);
     connection.closing = true;
     return;
   }
@@ -612,7 +612,7 @@ os::Error Service::dispatch(uint32_t timeoutMs) {
         // Answers to what the peer sent before its end of file are written
         // first; a frame cut short by it is dropped.
         if (connection.reader.pendingBytes() > 0) {
-          Sys_log(3, "service: connection %d (uid %u) closed in the middle of a frame.", connection.fd,
+          Sys_log(4, "service: connection %d (uid %u) closed in the middle of a frame.", connection.fd,
                   static_cast<unsigned>(connection.certificate.uid()));
           closeConnection(connection, nullptr);
           continue;

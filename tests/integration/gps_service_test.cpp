@@ -312,15 +312,15 @@ TEST_F(GpsService, StopsCleanlyOnSigtermAndASecondInstanceLeavesTheFirstAlone) {
 }
 
 // Under journald: "<N>" prefixes and no time stamp. An unknown key is warned
-// about and the service runs; SIGHUP puts a new log threshold in effect;
+// about and the service runs; SIGHUP puts a new log threshold and device in effect;
 // SIGUSR1, SIGUSR2, SIGALRM and SIGPIPE change nothing.
 TEST_F(GpsService, SighupAppliesTheLogThresholdAndOrdinarySignalsAreIgnored) {
-  const auto writeIni = [&](int threshold) {
-    std::ofstream(root_ / "platform.ini") << "[gps]\ndevise = /dev/ttyACM0\n[sim]\nttff_ms = 300\n[log]\n"
+  const auto writeIni = [&](int threshold, const std::string& device) {
+    std::ofstream(root_ / "platform.ini") << "[gps]\ndevise = /dev/ttyACM0\n" << device << "[sim]\nttff_ms = 300\n[log]\n"
                                              "target = stderr\nthreshold = "
                                           << threshold << "\n";
   };
-  writeIni(4);
+  writeIni(4, "");
   std::ofstream(root_ / "service.log").close();
   struct stat log{};
   ASSERT_EQ(stat((root_ / "service.log").c_str(), &log), 0);
@@ -337,8 +337,10 @@ TEST_F(GpsService, SighupAppliesTheLogThresholdAndOrdinarySignalsAreIgnored) {
   EXPECT_NE(Log().find("\n<3>GPSCore: setState BEGIN\n"), std::string::npos) << Log();
   EXPECT_EQ(Log().find("setPower(1) OK"), std::string::npos) << "level 7 is above threshold 4";
 
-  writeIni(7);
+  // The device changed: the receiver is reopened on it (here one that is absent).
+  writeIni(7, "device = /dev/ttyACM-absent\n");
   ASSERT_TRUE(service_->Signal(SIGHUP));
+  EXPECT_TRUE(WaitFor([&] { return Log().find("/dev/ttyACM-absent is not there") != std::string::npos; })) << Log();
   EXPECT_TRUE(WaitFor([&] { return Log().find("<5>platform.ini re-read: log threshold 7") != std::string::npos; }))
       << Log();
   ASSERT_EQ(Ask(response, false), 0);
