@@ -20,8 +20,21 @@ inline constexpr int32_t GEOLOCATING_GPS_ERROR_TIMEOUT = -12;
 inline constexpr uint32_t GEOLOCATING_GPS_ACCEPT_OLD_FIX = 1;
 inline constexpr uint32_t GEOLOCATING_GPS_ACCEPT_ONLY_CURRENT_FIX = 2;
 
+// The age output's value when the age cannot be known.
+inline constexpr uint32_t GPS_AGE_UNKNOWN = 0xFFFFFFFF;
+
 // Every text output is a caller buffer of at least 16 bytes; any output may be
 // null. The age output receives the fix age in seconds.
+// Once this run has had a fix (a course and speed for the speed and heading
+// queries), the age counts the ticks since it. Before that, the last fix is
+// the one stored in the parameters file by an earlier run, and ticks since
+// boot would make a week-old position look seconds old after a reboot: its
+// age is instead the system clock minus the stored UTC date and time; the
+// course and speed, stored alongside, take the stored fix's age. When that
+// cannot be trusted (the clock reads before the day this program was built,
+// the stored date or time is missing, damaged or later than the clock) the
+// age is GPS_AGE_UNKNOWN. Such a fix is never current: the result is
+// GEOLOCATING_GPS_ERROR_OLD_COORDINATES or GEOLOCATING_GPS_ERROR_NO_FIX_YET.
 int32_t lib_GPS_Geolocating_GPS_GetPosition(char* longitude, char* latitude, uint32_t* ageSeconds, uint32_t flags);
 int32_t lib_GPS_Geolocating_GPS_GetDateAndTime(char* date, char* time, uint32_t* ageSeconds, uint32_t flags);
 int32_t lib_GPS_Geolocating_GPS_GetDate(char* date, uint32_t* ageSeconds, uint32_t flags);

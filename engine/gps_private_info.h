@@ -112,6 +112,14 @@ struct gps_private_info_t {
 
   // Date, dilution and differential data
   char date[16];
+  // Set by the first fix (GGA) or course (VTG) of this run: until then the
+  // ticks above count from nothing and the stored ones are the last known.
+  uint8_t fix_seen;
+  uint8_t course_speed_seen;
+  int64_t last_fix_utc;  // UTC seconds of the previous fix with a date; 0 none
+  uint32_t last_fix_utc_tick;
+  uint8_t date_jump_logged;
+  uint8_t rollover_logged;
   char hdop[16];
   char geoid_separation[17];
   char dgps_station_id[8];

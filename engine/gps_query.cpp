@@ -4,7 +4,9 @@
 
 #include "engine/gps_geolocating.h"
 #include "engine/gps_private_info.h"
+#include "nmea/gps_conversions.h"
 #include "param/gps_parameters.h"
+#include "platform/clock.h"
 #include "platform/os.h"
 
 namespace {
@@ -33,6 +35,17 @@ void CopyField(char* out, const char* field) {
   if (out) std::memcpy(out, field, kFieldBytes);
 }
 
+// Seconds from the stored fix's UTC date and time to the system clock, or
+// GPS_AGE_UNKNOWN when the clock reads before the day this program was built
+// (it was never set) or the stored date and time are missing, damaged or later
+// than the clock.
+uint32_t StoredFixAge() {
+  const int64_t stored = lib_GPS_util_RecordUtcSeconds(gps_parameters.date, gps_parameters.time);
+  const int64_t now = gps::platform::WallClockNow();
+  if (stored < 0 || now < gps::platform::BuildTime() || stored > now) return GPS_AGE_UNKNOWN;
+  return now - stored < GPS_AGE_UNKNOWN ? static_cast<uint32_t>(now - stored) : GPS_AGE_UNKNOWN;
+}
+
 // copyCurrent copies the record's fields to the outputs; fallback asks the
 // parameters file for the stored ones. Both run with the lock held.
 template <typename CopyCurrent, typename Fallback>
@@ -44,7 +57,8 @@ int32_t Query(const QueryKind& kind, uint32_t* ageSeconds, uint32_t flags, CopyC
   lib_GPS_Lock();
   const bool isFix = kind.source == Source::Fix;
   const uint32_t ageTicks = OS_rtc_GetTickCounter() - (isFix ? infos.fix_tick : infos.course_speed_tick);
-  if (ageSeconds) *ageSeconds = ageTicks / 100;
+  const bool seen = isFix ? infos.fix_seen : infos.course_speed_seen;
+  if (ageSeconds) *ageSeconds = seen ? ageTicks / 100 : StoredFixAge();
   const bool exists = isFix ? infos.fix_quality != 0 : infos.vtg_mode != 'N';
   const bool current = exists && ageTicks <= GPS_FIX_VALIDITY_TICKS;
 

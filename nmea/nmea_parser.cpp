@@ -4,6 +4,7 @@
 
 #include "nmea/gps_conversions.h"
 #include "param/gps_parameters.h"
+#include "platform/clock.h"
 #include "platform/os.h"
 #include "transport/gps_trace.h"
 
@@ -42,7 +43,56 @@ void PutLittleEndian32(uint8_t* at, uint32_t value) {
 
 constexpr uint32_t kNavStatusTtffOffset = 8;
 
+constexpr int64_t kRolloverDays = 1024 * 7;
+constexpr int64_t kSecondsPerDay = 86400;
+constexpr int64_t kBuildDayRelative = INT64_MIN;
+int64_t g_earliestReceiverDay = kBuildDayRelative;
+
+int64_t EarliestReceiverDay() {
+  const int64_t earliest = __atomic_load_n(&g_earliestReceiverDay, __ATOMIC_RELAXED);
+  if (earliest != kBuildDayRelative) return earliest;
+  return gps::platform::BuildTime() / kSecondsPerDay - kRolloverDays;
+}
+
+// A receiver whose week number rolled over reports a date a multiple of 1024
+// weeks too early; the first such date of a run is logged.
+int64_t CorrectRollover(gps_private_info_t* infos, int64_t days) {
+  const int64_t earliest = EarliestReceiverDay();
+  if (days >= earliest) return days;
+  const int64_t corrected = days + (earliest - days + kRolloverDays - 1) / kRolloverDays * kRolloverDays;
+  if (!infos->rollover_logged) {
+    infos->rollover_logged = 1;
+    char from[11];
+    char to[11];
+    lib_GPS_util_FormatDays(from, days);
+    lib_GPS_util_FormatDays(to, corrected);
+    Sys_log(4, "GPS: the receiver's date %s is before this software was built: a GPS week rollover, read as %s", from,
+            to);
+  }
+  return corrected;
+}
+
+// A fix whose date and time are more than a day away from where the previous
+// fix of this run and the ticks since then put it is served (the receiver is
+// the only source of time) but said once: the receiver's clock jumped.
+void CheckDateJump(gps_private_info_t* infos, uint32_t tick) {
+  const int64_t utc = lib_GPS_util_RecordUtcSeconds(infos->date, infos->time);
+  if (utc < 0) return;
+  const int64_t previous = infos->last_fix_utc;
+  const uint32_t elapsedTicks = tick - infos->last_fix_utc_tick;
+  infos->last_fix_utc = utc;
+  infos->last_fix_utc_tick = tick;
+  if (previous == 0 || infos->date_jump_logged) return;
+  const int64_t jump = utc - (previous + elapsedTicks / 100);
+  if (jump <= kSecondsPerDay && jump >= -kSecondsPerDay) return;
+  infos->date_jump_logged = 1;
+  Sys_log(4, "GPS: the receiver's date and time jumped by %lld s (%.*s %.*s); a receiver clock fault is likely",
+          static_cast<long long>(jump), 10, infos->date, 9, infos->time);
+}
+
 }  // namespace
+
+void lib_GPS_SetEarliestReceiverDay(int64_t days) { __atomic_store_n(&g_earliestReceiverDay, days, __ATOMIC_RELAXED); }
 
 int tokenize(char* text, char** tokens, char separator, int maxTokens) {
   int count = 0;
@@ -91,6 +141,7 @@ void analyze_gps_message_gxvtg(gps_private_info_t* infos, char** tokens, int cou
     }
     if (infos->vtg_mode != 'N') {
       infos->course_speed_tick = tick;
+      infos->course_speed_seen = 1;
       lib_GPS_CopyField(infos->course_true, sizeof infos->course_true, tokens[0]);
       lib_GPS_CopyField(infos->course_magnetic, sizeof infos->course_magnetic, tokens[2]);
       lib_GPS_CopyField(infos->speed_knots, sizeof infos->speed_knots, tokens[4]);
@@ -121,10 +172,12 @@ void analyze_gps_message_gxgga(gps_private_info_t* infos, char** tokens, int cou
     if (infos->fix_quality != 0) {
       Sys_log(7, "analyze_gps_message_gxgga: valid fix.");
       infos->fix_tick = tick;
+      infos->fix_seen = 1;
       lib_GPS_CopyField(infos->time, sizeof infos->time, tokens[0]);
       lib_GPS_util_FormatNmeaTime(infos->time);
       constexpr size_t kFormattedTimeChars = 9;  // HHhMMmSSs
       std::memset(infos->time + kFormattedTimeChars, 0, sizeof infos->time - kFormattedTimeChars);
+      CheckDateJump(infos, tick);
       ComposeCoordinate(infos->latitude, tokens[1], tokens[2]);
       lib_GPS_Trace(7, "infos->latitude: %s", infos->latitude);
       ComposeCoordinate(infos->longitude, tokens[3], tokens[4]);
@@ -231,16 +284,15 @@ void analyze_gps_message_gxtxt(gps_private_info_t* infos, char** tokens, int cou
 
 // $GNRMC,171926.00,A,4404.14063,N,12118.85478,W,0.117,,180315,,,A*76
 // A receiver without time yet sends the date empty: only a date of six digits
-// (ddmmyy) replaces the known one.
+// (ddmmyy) that is a day of the calendar replaces the known one.
 void analyze_gps_message_gxrmc(gps_private_info_t* infos, char** tokens, int count) {
   lib_GPS_Trace(7, "analyze_gps_message_gxrmc");
   if (count <= 8) return;
-  for (int i = 0; i < 6; ++i) {
-    if (tokens[8][i] < '0' || tokens[8][i] > '9') return;
-  }
+  const int64_t days = lib_GPS_util_NmeaDateDays(tokens[8]);
+  if (days < 0) return;
   lib_GPS_Lock();
-  lib_GPS_CopyField(infos->date, sizeof infos->date, tokens[8]);
-  lib_GPS_util_FormatNmeaDate(infos->date);
+  std::memset(infos->date, 0, sizeof infos->date);
+  lib_GPS_util_FormatDays(infos->date, CorrectRollover(infos, days));
   lib_GPS_Unlock();
 }
 

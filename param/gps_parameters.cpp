@@ -6,6 +6,7 @@
 #include <string>
 
 #include "assist/assistnow.h"
+#include "nmea/gps_conversions.h"
 #include "platform/fs.h"
 #include "platform/os.h"
 #include "platform/root.h"
@@ -64,7 +65,9 @@ bool IsCoordinate(const char* text, size_t length, size_t degreeDigits, int maxD
   if (hemisphere != positive && hemisphere != negative) return false;
   const int degrees = Number(text, degreeDigits);
   const int minutes = Number(text + degreeDigits, 2);
-  return minutes < 60 && (degrees < maxDegrees || (degrees == maxDegrees && minutes == 0));
+  bool fractionZero = true;
+  for (size_t i = point + 1; i + 1 < length; ++i) fractionZero = fractionZero && text[i] == '0';
+  return minutes < 60 && (degrees < maxDegrees || (degrees == maxDegrees && minutes == 0 && fractionZero));
 }
 
 // "-12.5", "0.91": digits, an optional fraction after a point.
@@ -80,13 +83,8 @@ bool IsDecimal(const char* text, size_t length, bool mayBeNegative) {
   return text[whole] == '.' && whole + 1 < length && Digits(text + whole + 1, length - whole - 1);
 }
 
-bool IsDate(const char* text, size_t length) {  // dd/mm/yyyy
-  if (length != 10 || text[2] != '/' || text[5] != '/' || !Digits(text, 2) || !Digits(text + 3, 2) ||
-      !Digits(text + 6, 4))
-    return false;
-  const int day = Number(text, 2);
-  const int month = Number(text + 3, 2);
-  return day >= 1 && day <= 31 && month >= 1 && month <= 12;
+bool IsDate(const char* text, size_t length) {  // dd/mm/yyyy, a day of the calendar
+  return length == 10 && lib_GPS_util_RecordUtcSeconds(text, "00h00m00s") >= 0;
 }
 
 bool IsTime(const char* text, size_t length) {  // HHhMMmSSs

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "platform/os.h"
 
@@ -95,6 +96,81 @@ bool NmeaChecksumHolds(std::span<const uint8_t> sentence) {
   return (tail.size() == 3 && tail[2] == '\n') || (tail.size() == 4 && tail[2] == '\r' && tail[3] == '\n');
 }
 
+bool AllDigits(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+int TwoDigits(std::string_view text, size_t at) { return (text[at] - '0') * 10 + (text[at + 1] - '0'); }
+
+// hhmmss with or without a fraction of a second; 60 seconds is a leap second.
+bool TimePossible(std::string_view time) {
+  if (time.empty()) return true;
+  if (time.size() < 6 || !AllDigits(time.substr(0, 6))) return false;
+  if (time.size() > 6 && (time[6] != '.' || !AllDigits(time.substr(7)))) return false;
+  return TwoDigits(time, 0) < 24 && TwoDigits(time, 2) < 60 && TwoDigits(time, 4) <= 60;
+}
+
+// ddmmyy; the years of two digits run from 1980 to 2079, so every year that
+// divides by four is a leap year.
+bool DatePossible(std::string_view date) {
+  if (date.empty()) return true;
+  if (date.size() != 6 || !AllDigits(date)) return false;
+  const int day = TwoDigits(date, 0);
+  const int month = TwoDigits(date, 2);
+  const int year = TwoDigits(date, 4);
+  constexpr int kDays[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (month < 1 || month > 12 || day < 1 || day > kDays[month - 1]) return false;
+  return month != 2 || day < 29 || year % 4 == 0;
+}
+
+// Degrees and minutes with any number of digits in either part ("4717.11437",
+// "00833.9152", "4807.038"): the last two digits before the point are the
+// minutes. No sign, and no more than `maxDegrees` in all.
+bool CoordinatePossible(std::string_view text, int maxDegrees) {
+  if (text.empty()) return true;
+  const size_t point = std::min(text.find('.'), text.size());
+  const std::string_view whole = text.substr(0, point);
+  const std::string_view fraction = point < text.size() ? text.substr(point + 1) : std::string_view{};
+  if (whole.empty() || !AllDigits(whole) || !AllDigits(fraction)) return false;
+  // Saturates instead of overflowing: any value beyond the limit is refused.
+  int64_t value = 0;
+  for (const char c : whole) value = std::min<int64_t>(value * 10 + (c - '0'), 1'000'000'000);
+  const int64_t degrees = value / 100;
+  const int64_t minutes = value % 100;
+  const bool fractionZero = fraction.find_first_not_of('0') == std::string_view::npos;
+  return minutes < 60 && (degrees < maxDegrees || (degrees == maxDegrees && minutes == 0 && fractionZero));
+}
+
+bool HemispherePossible(std::string_view text, char positive, char negative) {
+  return text.empty() || (text.size() == 1 && (text[0] == positive || text[0] == negative));
+}
+
+// A GGA or RMC whose time, date, coordinates or hemispheres no receiver can
+// measure is as corrupt as one with a wrong checksum: a flipped byte that the
+// checksum missed, or a sender that is no receiver. Empty fields (a receiver
+// without a fix) pass; every other sentence type passes unchecked.
+bool NmeaValuesPossible(std::span<const uint8_t> sentence) {
+  std::string_view text(reinterpret_cast<const char*>(sentence.data()), sentence.size());
+  text = text.substr(0, text.find_first_of("*\r\n"));
+  if (text.size() < 7 || text[6] != ',') return true;
+  const std::string_view type = text.substr(3, 3);
+  const bool gga = type == "GGA";
+  if (!gga && type != "RMC") return true;
+  constexpr size_t kChecked = 9;  // fields up to the RMC date
+  std::string_view fields[kChecked];
+  for (size_t at = 7, n = 0; n < kChecked; ++n) {
+    const size_t comma = std::min(text.find(',', at), text.size());
+    fields[n] = text.substr(at, comma - at);
+    if (comma == text.size()) break;
+    at = comma + 1;
+  }
+  // Positions of time, latitude and the RMC date; absent fields are empty.
+  const size_t lat = gga ? 1 : 2;
+  return TimePossible(fields[0]) && CoordinatePossible(fields[lat], 90) &&
+         HemispherePossible(fields[lat + 1], 'N', 'S') && CoordinatePossible(fields[lat + 2], 180) &&
+         HemispherePossible(fields[lat + 3], 'E', 'W') && (gga || DatePossible(fields[8]));
+}
+
 // `frame` is a whole UBX frame, sync bytes to checksum.
 bool UbxFrameIsSound(std::span<const uint8_t> frame) {
   uint8_t a = 0, b = 0;
@@ -126,7 +202,7 @@ size_t DropCorruptMessages(std::span<uint8_t> chunk, DroppedMessages& dropped, s
         length = static_cast<size_t>(next - unit.data());
         sound = false;
       } else {
-        sound = NmeaChecksumHolds(unit);
+        sound = NmeaChecksumHolds(unit) && NmeaValuesPossible(unit);
       }
       if (!sound) ++dropped.nmea;
     } else if (unit.size() >= kUbxOverhead && unit[0] == kUbxSync1 && unit[1] == kUbxSync2 &&

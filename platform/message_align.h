@@ -38,6 +38,11 @@ struct DroppedMessages {
 //     send no checksum;
 //   - the part of a sentence up to a second "$": a sentence that lost its line
 //     end and ran into the next one, which is then checked on its own;
+//   - a GGA or RMC sentence holding a value no receiver measures: a latitude
+//     over 90 degrees or a longitude over 180, minutes of 60 or more, a sign
+//     or any character but digits and a point in a coordinate, a hemisphere
+//     other than N/S (latitude) or E/W (longitude), a time beyond 23:59:60, a
+//     date that is no day of the calendar. Empty fields pass;
 //   - a UBX frame whose two checksum bytes do not match its class, id, length
 //     and payload.
 // A message passed on in pieces (longer than any chunk) cannot be checked and

@@ -280,14 +280,31 @@ int32_t GPSCore::convertAngleNMEA(const std::string& angle) {
     Sys_log(7, "GPS: Erreur split angleNMEA size = %d", static_cast<int>(pieces.size()));
     return 0;
   }
+  // Digits only, and few enough that no product below can overflow.
+  const auto number = [](const std::string& digits) -> int64_t {
+    if (digits.size() > 9) return -1;
+    int64_t value = 0;
+    for (const char c : digits) {
+      if (c < '0' || c > '9') return -1;
+      value = value * 10 + (c - '0');
+    }
+    return value;
+  };
   const std::string& whole = pieces[0];
   // Fewer than two digits before the point: all of it counts as minutes.
   const size_t split = whole.size() >= 2 ? whole.size() - 2 : 0;
-  const int64_t degrees = std::atoi(whole.substr(0, split).c_str());
-  const int64_t minutes = std::atoi(whole.substr(split).c_str());
+  const int64_t degrees = number(whole.substr(0, split));
+  const int64_t minutes = number(whole.substr(split));
   std::string fraction = pieces[1];
   fraction.resize(5, '0');
-  int64_t value = 100000 * (60 * degrees + minutes) + std::atoi(fraction.c_str());
+  const int64_t fractionValue = number(fraction);
+  if (degrees < 0 || minutes < 0 || fractionValue < 0) return 0;
+  const int64_t limit = 100000LL * 60 * (hemisphere == 'N' || hemisphere == 'S' ? 90 : 180);
+  int64_t value = 100000 * (60 * degrees + minutes) + fractionValue;
+  if (value > limit) {
+    Sys_log(4, "GPS: coordinate %s is out of range; sent as 0", angle.c_str());
+    return 0;
+  }
   if (hemisphere == 'S' || hemisphere == 'W') value = -value;
   return static_cast<int32_t>(value);
 }

@@ -53,7 +53,9 @@ class GPSCore : public halvorda::service::Interfacable {
   // the service then runs on its defaults and must not start), 0 otherwise.
   halvorda::os::Error storedConfigResult() const { return m_storedConfigResult; }
 
-  // "4807.038N" -> 288703800: 1/100000 arc-minute, negative south and west.
+  // "4807.038N" -> 288703800: 1/100000 arc-minute, negative south and west;
+  // 0 for a text that is no coordinate or lies beyond 90 degrees (N, S) or
+  // 180 degrees (any other letter), so the result never overflows.
   static int32_t convertAngleNMEA(const std::string& angle);
   static void splitString(const std::string& text, char delimiter, std::vector<std::string>& pieces);
 

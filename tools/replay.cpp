@@ -12,6 +12,7 @@
 
 #include "engine/gps_private_info.h"
 #include "nmea/gps_framer.h"
+#include "nmea/nmea_parser.h"
 #include "param/gps_parameters.h"
 #include "platform/clock.h"
 #include "platform/message_align.h"
@@ -337,6 +338,9 @@ int Run(const Options& options, std::FILE* out, std::FILE* errors, Totals* total
   gps_private_info.module_type = options.moduleType;
   g_virtualTick = GPS_LAST_DATA_STORE_PERIOD_TICKS;
   platform::SetTickSource(VirtualTicks);
+  // A recording may be older than this build: every date since the first GPS
+  // week stands as the receiver sent it.
+  lib_GPS_SetEarliestReceiverDay(platform::DaysFromCivil(1980, 1, 6));
   lib_GPS_param_RestorePersistentStorage();
   lib_GPS_ResetInfosLocked(&gps_private_info);
   lib_GPS_TraceInit(1);

@@ -24,13 +24,32 @@ TEST(Conversions, NmeaTimeAndDateAreRewrittenInPlace) {
   char noDecimals[16] = "083559";
   lib_GPS_util_FormatNmeaTime(noDecimals);
   EXPECT_STREQ(noDecimals, "08h35m59s");
+}
 
-  char date[16] = "230915";
-  lib_GPS_util_FormatNmeaDate(date);
-  EXPECT_STREQ(date, "23/09/2015");
-  char y2k[16] = "010100";
-  lib_GPS_util_FormatNmeaDate(y2k);
-  EXPECT_STREQ(y2k, "01/01/2000");
+// Receiver dates: two-digit years from 1980 to 2079, calendar days only; the
+// record's date and time back to seconds since 1970.
+TEST(Conversions, DatesAreDaysOfTheCalendarFrom1980) {
+  const struct {
+    const char* nmea;
+    const char* formatted;  // "" when the date is refused
+  } cases[] = {
+      {"230915", "23/09/2015"}, {"010100", "01/01/2000"}, {"010180", "01/01/1980"}, {"311279", "31/12/2079"},
+      {"290224", "29/02/2024"}, {"290223", ""},           {"310415", ""},           {"001015", ""},
+      {"231315", ""},           {"2309", ""},             {"23091a", ""},
+  };
+  for (const auto& c : cases) {
+    char text[16] = {};
+    const int64_t days = lib_GPS_util_NmeaDateDays(c.nmea);
+    if (days >= 0) {
+      lib_GPS_util_FormatDays(text, days);
+      EXPECT_EQ(lib_GPS_util_RecordUtcSeconds(text, "00h00m00s"), days * 86400) << c.nmea;
+    }
+    EXPECT_STREQ(text, c.formatted) << c.nmea;
+  }
+  EXPECT_EQ(lib_GPS_util_RecordUtcSeconds("23/11/2026", "17h19m26s"), 1795454366);
+  EXPECT_EQ(lib_GPS_util_RecordUtcSeconds("23/11/2026", "24h00m00s"), -1);
+  EXPECT_EQ(lib_GPS_util_RecordUtcSeconds("23-11-2026", "17h19m26s"), -1);
+  EXPECT_EQ(lib_GPS_util_RecordUtcSeconds("", "17h19m26s"), -1);
 }
 
 TEST(Conversions, ScaledDegreesToDegreesAndMinutes) {

@@ -10,6 +10,7 @@
 
 #include "engine/gps_geolocating.h"
 #include "engine/gps_private_info.h"
+#include "nmea/nmea_parser.h"
 #include "param/gps_parameters.h"
 #include "tests/support/test_env.h"
 
@@ -57,6 +58,36 @@ TEST_F(NmeaParserTest, GgaWithFixFillsTheFixFields) {
   EXPECT_EQ(Field(gps_parameters.latitude), "4404.14063N");
   FeedReceiver("$PUBX,00,130000.00,3333.33333,N,04444.44444,E,1,G3,1,1,1,1,1,1,1,1,1*00\r\n");
   EXPECT_EQ(Field(infos_.latitude), "4404.14063N") << "proprietary sentences match nothing";
+}
+
+// A 1999 date from a receiver running years after this build is a GPS week
+// rollover: moved on by 1024 weeks. Both the rollover and the jump from the
+// fixes before are said once at level 4.
+TEST_F(NmeaParserTest, RolloverDatesAreCorrectedAndJumpsSaidOnce) {
+  gps::test::LogCapture log;
+  const struct {
+    const char* date;
+    const char* time;
+    const char* served;
+  } steps[] = {
+      {"231126", "120000.00", "23/11/2026"}, {"231126", "120001.00", "23/11/2026"},
+      {"231199", "120002.00", "09/07/2019"}, {"251199", "120003.00", "11/07/2019"},
+      {"060180", "120004", "06/01/1980"},  // the first GPS day stands in a replay of old recordings
+  };
+  for (const auto& step : steps) {
+    if (std::strcmp(step.date, "060180") == 0) lib_GPS_SetEarliestReceiverDay(3657);  // 1980-01-06
+    FeedReceiver(std::string("$GNRMC,") + step.time + ",A,4404.14063,N,12118.85478,W,0.117,," + step.date + ",,,A\r\n");
+    FeedReceiver(std::string("$GNGGA,") + step.time + ",4404.14063,N,12118.85478,W,1,12,0.91,1147.2,M,-21.3,M,,\r\n");
+    ticks_.advance(100);
+    EXPECT_STREQ(infos_.date, step.served) << step.date;
+  }
+  lib_GPS_SetEarliestReceiverDay(INT64_MIN);
+  EXPECT_EQ(log.linesAt(4), (std::vector<std::string>{
+                                "GPS: the receiver's date 23/11/1999 is before this software was built: a GPS week "
+                                "rollover, read as 09/07/2019",
+                                "GPS: the receiver's date and time jumped by -232761600 s (09/07/2019 12h00m02s); a "
+                                "receiver clock fault is likely",
+                            }));
 }
 
 TEST_F(NmeaParserTest, GgaWithoutFixChangesOnlyItsTickAndQuality) {
@@ -234,8 +265,6 @@ TEST_F(NmeaParserTest, GsvAnnouncingMoreThanStagingHoldsStopsCollecting) {
 TEST_F(NmeaParserTest, RmcDateTtffAndModuleReset) {
   FeedReceiver("$GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,230915,,,A*57\r\n");
   EXPECT_EQ(Field(infos_.date), "23/09/2015");
-  FeedReceiver("$GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,010100,,,A*57\r\n");
-  EXPECT_EQ(Field(infos_.date), "01/01/2000");
 
   // As an application reads it: the NAV-STATUS payload, ttff at offset 8.
   const auto ttff = [] {

@@ -224,8 +224,9 @@ TEST(ReplayTool, NeoM8nFromStandardInputQuietOrNot) {
 }
 
 // What a UART does to a stream: one GGA loses its line end and runs into the
-// next, another has a byte flipped, and so has a NAV-PVT frame. None of them
-// becomes a fix; the sound sentence after the lost line end still does.
+// next, another has a byte flipped, and so has a NAV-PVT frame. Then GGAs with
+// sound checksums and values no receiver measures. None of them becomes a fix;
+// the sound sentences after them still do.
 TEST(ReplayTool, CorruptMessagesGiveNoFixAndAreCounted) {
   const auto gga = [](const char* time, const char* altitude) {
     return gps::sim::NmeaGenerator::Sentence(std::string("GPGGA,") + time +
@@ -236,10 +237,19 @@ TEST(ReplayTool, CorruptMessagesGiveNoFixAndAreCounted) {
   flipped[flipped.find("499.8") + 2] ^= 0x01;  // 499.8 -> 498.8, with the old checksum
   std::string frame = gps::test::UbxFrame(0x01, 0x07, std::string(92, '\x01'));
   frame[30] ^= 0x10;
-  const std::string stream = gps::sim::NmeaGenerator::Sentence(
-                                 "GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,230915,,,A") +
-                             lostLineEnd.substr(0, lostLineEnd.size() - 2) + gga("083600.00", "499.7") + flipped +
-                             frame + gga("083602.00", "499.9");
+  std::string stream = gps::sim::NmeaGenerator::Sentence(
+                           "GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,230915,,,A") +
+                       lostLineEnd.substr(0, lostLineEnd.size() - 2) + gga("083600.00", "499.7") + flipped +
+                       frame + gga("083602.00", "499.9");
+  const char* impossible[] = {
+      "083603.00,9500.00000,N,00833.91522,E",   "083603.00,4717.11437,N,18500.00000,E",
+      "083603.00,4775.11437,N,00833.91522,E",   "083603.00,4717.11437,X,00833.91522,E",
+      "083603.00,4717.11437,N,00833.91522,Q",   "083603.00,-4717.11437,N,00833.91522,E",
+      "256199.00,4717.11437,N,00833.91522,E",
+  };
+  for (const char* fields : impossible)
+    stream += gps::sim::NmeaGenerator::Sentence(std::string("GPGGA,") + fields + ",1,08,0.9,1.0,M,48.0,M,,");
+  stream += gga("083604.00", "500.1");
   gps::test::TempRoot root;
   std::ofstream(root / "corrupt.log", std::ios::binary) << stream;
   const auto [output, status] =
@@ -248,10 +258,10 @@ TEST(ReplayTool, CorruptMessagesGiveNoFixAndAreCounted) {
   std::vector<std::string> fixes;
   for (const auto& line : JsonLines(output))
     if (line["event"] == "fix") fixes.push_back(line["time"].get<std::string>() + " " + line["altitude"].get<std::string>());
-  EXPECT_EQ(fixes, (std::vector<std::string>{"08h36m00s 499.7", "08h36m02s 499.9"}));
+  EXPECT_EQ(fixes, (std::vector<std::string>{"08h36m00s 499.7", "08h36m02s 499.9", "08h36m04s 500.1"}));
   EXPECT_EQ(output.find("nav_pvt"), std::string::npos) << "the flipped NAV-PVT reaches nobody";
   const json summary = JsonLines(output).back();
-  EXPECT_EQ(summary["dropped_nmea"], 2);
+  EXPECT_EQ(summary["dropped_nmea"], 2 + std::size(impossible));
   EXPECT_EQ(summary["dropped_ubx"], 1);
 }
 
