@@ -125,6 +125,7 @@ TEST_F(GpsService, PowerFixStandbyWakeupAndRestart) {
   // Until the receiver has a fix, the state is the stored fix, marked old.
   ASSERT_TRUE(response.has_state());
   EXPECT_TRUE(response.state().old());
+  EXPECT_LT(response.state().age(), 60u) << "counted from the stored fix's UTC time, not from boot";
   EXPECT_EQ(response.state().latitude() / 100000 / 60, 48) << response.state().strlatitude();
   EXPECT_FALSE(response.state().has_speedkmh()) << "speed only from a current fix";
   EXPECT_TRUE(WaitFor([&] { return CurrentFix(); }));
