@@ -111,9 +111,10 @@ bool TimePossible(std::string_view time) {
 }
 
 // ddmmyy; the years of two digits run from 1980 to 2079, so every year that
-// divides by four is a leap year.
+// divides by four is a leap year. "000000" is how some receivers say they
+// have no date yet, like an empty field.
 bool DatePossible(std::string_view date) {
-  if (date.empty()) return true;
+  if (date.empty() || date == "000000") return true;
   if (date.size() != 6 || !AllDigits(date)) return false;
   const int day = TwoDigits(date, 0);
   const int month = TwoDigits(date, 2);

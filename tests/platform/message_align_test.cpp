@@ -88,7 +88,8 @@ TEST(MessageAlign, CorruptMessagesAreDroppedAndCounted) {
       // the ranges, a leap second, few or many digits, NMEA 4.1 fields.
       {"GGA without a fix", Nmea("GPGGA,,,,,,0,00,99.99,,,,,,") + Nmea("GNGGA,083559,,,,,0,00,99.99,,,,,,"),
        Nmea("GPGGA,,,,,,0,00,99.99,,,,,,") + Nmea("GNGGA,083559,,,,,0,00,99.99,,,,,,"), 0, 0},
-      {"RMC without a fix", Nmea("GNRMC,,V,,,,,,,,,,N,V"), Nmea("GNRMC,,V,,,,,,,,,,N,V"), 0, 0},
+      {"RMC without a fix", Nmea("GNRMC,,V,,,,,,,,,,N,V") + Nmea("GPRMC,000012,V,,,,,,,000000,,,N"),
+       Nmea("GNRMC,,V,,,,,,,,,,N,V") + Nmea("GPRMC,000012,V,,,,,,,000000,,,N"), 0, 0},
       {"limits", Nmea("GNGGA,235960.000,9000.0000,S,18000.000,W,1,04,2.1,0.0,M,,,,"),
        Nmea("GNGGA,235960.000,9000.0000,S,18000.000,W,1,04,2.1,0.0,M,,,,"), 0, 0},
       {"digits vary", Nmea("GNRMC,000000,A,0000.1,N,00000,E,,,290224,,,D,V"),
