@@ -66,8 +66,10 @@ int64_t CorrectRollover(gps_private_info_t* infos, int64_t days) {
     char to[11];
     lib_GPS_util_FormatDays(from, days);
     lib_GPS_util_FormatDays(to, corrected);
-    Sys_log(4, "GPS: the receiver's date %s is before this software was built: a GPS week rollover, read as %s", from,
-            to);
+    Sys_log(4,
+            "GPS: the receiver's date %s is over 1024 weeks before this software was built: a GPS week rollover, "
+            "read as %s",
+            from, to);
   }
   return corrected;
 }

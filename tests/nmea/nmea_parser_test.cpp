@@ -83,8 +83,8 @@ TEST_F(NmeaParserTest, RolloverDatesAreCorrectedAndJumpsSaidOnce) {
   }
   lib_GPS_SetEarliestReceiverDay(INT64_MIN);
   EXPECT_EQ(log.linesAt(4), (std::vector<std::string>{
-                                "GPS: the receiver's date 23/11/1999 is before this software was built: a GPS week "
-                                "rollover, read as 09/07/2019",
+                                "GPS: the receiver's date 23/11/1999 is over 1024 weeks before this software was "
+                                "built: a GPS week rollover, read as 09/07/2019",
                                 "GPS: the receiver's date and time jumped by -232761600 s (09/07/2019 12h00m02s); a "
                                 "receiver clock fault is likely",
                             }));
