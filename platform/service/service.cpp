@@ -35,6 +35,10 @@ constexpr uint64_t kFirstConnectionId = 16;
 constexpr size_t kReadChunkBytes = kFrameHeaderBytes + kMaxPayloadBytes;
 constexpr int kAcceptsPerRound = 64;
 constexpr uint32_t kListenRetryMs = 1000;
+// Without a descriptor for a new connection the listener stays readable; it
+// leaves the wait this long so the loop does not spin, and says so once a minute.
+constexpr uint64_t kExhaustionPauseMs = 100;
+constexpr uint64_t kExhaustionLogMs = 60000;
 constexpr uint32_t kSweepPeriodMs = 1000;
 
 constexpr uint64_t kRefusalLogPeriodMs = 60'000;
@@ -541,6 +545,29 @@ void Service::sweep(uint64_t nowMs) {
   for (Connection* connection : stale) closeConnection(*connection, "idle");
 }
 
+void Service::pauseListener(uint64_t nowMs, int error) {
+  epoll_event event{};
+  event.data.u64 = kListenerTag;  // no events: out of the wait
+  ::epoll_ctl(epoll_, EPOLL_CTL_MOD, listener_, &event);
+  listenerPausedUntilMs_ = nowMs + kExhaustionPauseMs;
+  if (!exhaustionLogged_ || nowMs - lastExhaustionLogMs_ >= kExhaustionLogMs) {
+    Sys_log(4, "service: cannot accept connections: %s; %zu open; new ones wait (raise LimitNOFILE= or ulimit -n).",
+            std::strerror(error), connections_.size());
+    exhaustionLogged_ = true;
+    lastExhaustionLogMs_ = nowMs;
+  }
+}
+
+void Service::resumeListener(uint64_t nowMs) {
+  if (listenerPausedUntilMs_ == 0 || nowMs < listenerPausedUntilMs_) return;
+  listenerPausedUntilMs_ = 0;
+  if (listener_ < 0) return;
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = kListenerTag;
+  ::epoll_ctl(epoll_, EPOLL_CTL_MOD, listener_, &event);
+}
+
 os::Error Service::dispatch(uint32_t timeoutMs) {
   const uint64_t start = NowMs();
   const bool forever = timeoutMs == UINT32_MAX;
@@ -557,6 +584,8 @@ os::Error Service::dispatch(uint32_t timeoutMs) {
       return ERROR_IO;
     }
     if (listener_ < 0) waitMs = std::min<uint64_t>(waitMs, kListenRetryMs);
+    resumeListener(now);
+    if (listenerPausedUntilMs_ != 0) waitMs = std::min<uint64_t>(waitMs, listenerPausedUntilMs_ - now);
 
     epoll_event events[64];
     const int count = ::epoll_wait(epoll_, events, 64, static_cast<int>(waitMs));
@@ -569,7 +598,10 @@ os::Error Service::dispatch(uint32_t timeoutMs) {
       if (tag == kListenerTag) {
         for (int accepted = 0; accepted < kAcceptsPerRound; ++accepted) {
           const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-          if (fd < 0) break;
+          if (fd < 0) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) pauseListener(now, errno);
+            break;
+          }
           addConnection(fd);
         }
         handled = true;

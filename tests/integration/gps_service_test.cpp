@@ -19,6 +19,7 @@
 #include <cstring>
 #include <functional>
 #include <random>
+#include <sstream>
 
 #include "client/gps_client.h"
 #include "halvorda/device/gps/gps.pb.h"
@@ -463,6 +464,44 @@ TEST_F(GpsService, AParametersFileOfRandomBytesGivesNoStoredPosition) {
   std::ifstream in(root_ / "service.log");
   const std::string log(std::istreambuf_iterator<char>(in), {});
   EXPECT_NE(log.find("fs/GPS/gps_param.cfg: the stored fix is damaged"), std::string::npos) << log;
+}
+
+// Out of descriptors, a listener stays readable: the service must not spin on
+// it, and serves again once descriptors are free.
+TEST_F(GpsService, OutOfDescriptorsTheServiceWaitsInsteadOfSpinning) {
+  ChildProcess service({"/usr/bin/prlimit", "--nofile=64", GPS_SERVICE_BINARY}, root_ / "service.log");
+  ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(root_ / "run/directory/local.device.gps"); }));
+  const std::string socketPath = root_ / "run/local.device.gps.sock";
+  std::vector<int> crowd;
+  for (int i = 0; i < 80; ++i) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+    connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    crowd.push_back(fd);
+  }
+  // CPU time of the service thread (the process's first thread), in ticks.
+  const auto busyTicks = [&] {
+    const std::string stat = Text("/proc/" + std::to_string(service.pid()) + "/task/" +
+                                  std::to_string(service.pid()) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    long ticks = 0;
+    for (int i = 3; fields >> field && i <= 15; ++i)
+      if (i >= 14) ticks += std::stol(field);  // utime, stime
+    return ticks;
+  };
+  std::this_thread::sleep_for(300ms);
+  const long before = busyTicks();
+  std::this_thread::sleep_for(4s);
+  const long used = busyTicks() - before;
+  EXPECT_LT(used, 4 * sysconf(_SC_CLK_TCK) / 10) << "service thread busy " << used << " ticks in 4 s";
+  EXPECT_NE(Log().find("cannot accept connections"), std::string::npos) << Log();
+  for (const int fd : crowd) close(fd);
+  auto client = gps::client::GpsClient::Connect(5s);
+  ASSERT_TRUE(client.ok()) << client.error().message();
+  EXPECT_TRUE(client->GetState().ok()) << "served once descriptors are free";
 }
 
 TEST_F(GpsService, ReadyOnlyStartSignalsReadyAndServesNothing) {
