@@ -501,7 +501,8 @@ TEST_F(GpsService, OutOfDescriptorsTheServiceWaitsInsteadOfSpinning) {
   for (const int fd : crowd) close(fd);
   auto client = gps::client::GpsClient::Connect(5s);
   ASSERT_TRUE(client.ok()) << client.error().message();
-  EXPECT_TRUE(client->GetState().ok()) << "served once descriptors are free";
+  const auto state = client->GetState();
+  EXPECT_TRUE(state.ok()) << "served once descriptors are free: " << (state ? "" : state.error().message()) << Log();
 }
 
 TEST_F(GpsService, ReadyOnlyStartSignalsReadyAndServesNothing) {
