@@ -312,7 +312,7 @@ TEST_F(GpsService, StopsCleanlyOnSigtermAndASecondInstanceLeavesTheFirstAlone) {
   EXPECT_NE(StoredConfig().find("poweron: true"), std::string::npos) << StoredConfig();
 }
 
-// Under journald: "<N>" prefixes and no time stamp. An unknown key is warned
+// Under journald: "<N>" prefixes, no time stamp, repeated lines folded. An unknown key is warned
 // about and the service runs; SIGHUP puts a new log threshold and device in effect;
 // SIGUSR1, SIGUSR2, SIGALRM and SIGPIPE change nothing.
 TEST_F(GpsService, SighupAppliesTheLogThresholdAndOrdinarySignalsAreIgnored) {
@@ -334,8 +334,12 @@ TEST_F(GpsService, SighupAppliesTheLogThresholdAndOrdinarySignalsAreIgnored) {
       << Log();
   for (const int signal : {SIGUSR1, SIGUSR2, SIGALRM, SIGPIPE}) ASSERT_TRUE(service_->Signal(signal));
   msg::SetGetStateResponse response;
+  // Identical lines in a row are counted; the count precedes the next line.
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(Ask(response), 0);
   ASSERT_EQ(Ask(response, true), 0);
-  EXPECT_NE(Log().find("\n<3>GPSCore: setState BEGIN\n"), std::string::npos) << Log();
+  EXPECT_NE(Log().find("\n<3>GPSCore: setState BEGIN\n<3>last message repeated 3 times\n<3>GPSCore: updateParameters\n"),
+            std::string::npos)
+      << Log();
   EXPECT_EQ(Log().find("setPower(1) OK"), std::string::npos) << "level 7 is above threshold 4";
 
   // The device changed: the receiver is reopened on it (here one that is absent).
@@ -503,6 +507,30 @@ TEST_F(GpsService, OutOfDescriptorsTheServiceWaitsInsteadOfSpinning) {
   ASSERT_TRUE(client.ok()) << client.error().message();
   const auto state = client->GetState();
   EXPECT_TRUE(state.ok()) << "served once descriptors are free: " << (state ? "" : state.error().message()) << Log();
+}
+
+// A socket file or directory entry removed or rewritten at run time is back
+// within a second: clients find the service again without a restart.
+TEST_F(GpsService, ARemovedSocketAndDirectoryEntryComeBack) {
+  Start();
+  const std::filesystem::path entryPath = root_ / "run/directory/local.device.gps";
+  ASSERT_TRUE(WaitFor([&] { return Text(entryPath).find("ready=1") != std::string::npos; }));
+  const std::string entry = Text(entryPath);
+  ASSERT_TRUE(std::filesystem::remove(root_ / "run/local.device.gps.sock"));
+  ASSERT_TRUE(std::filesystem::remove(entryPath));
+  const auto removed = std::chrono::steady_clock::now();
+  ASSERT_TRUE(WaitFor([] {
+    auto client = gps::client::GpsClient::Connect(1s);
+    return client.ok() && client->GetState().ok();
+  }));
+  EXPECT_LT(std::chrono::steady_clock::now() - removed, 2s);
+  EXPECT_EQ(Text(entryPath), entry);
+  std::ofstream(entryPath) << "address=run/elsewhere.sock\n";
+  EXPECT_TRUE(WaitFor([&] { return Text(entryPath) == entry; }, 2s)) << Text(entryPath);
+  const std::string log = Log();
+  EXPECT_NE(log.find("local.device.gps.sock was removed; listening on a new one"), std::string::npos) << log;
+  EXPECT_NE(log.find("directory/local.device.gps was removed; written again"), std::string::npos) << log;
+  EXPECT_NE(log.find("directory/local.device.gps was replaced; written again"), std::string::npos) << log;
 }
 
 TEST_F(GpsService, ReadyOnlyStartSignalsReadyAndServesNothing) {
