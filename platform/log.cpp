@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
 #include <cstdlib>
+#include <cstring>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -52,6 +54,56 @@ void WriteStderr(int level, const char* text) {
   char line[kLineBytes];
   WriteLine(line, std::snprintf(line, sizeof line - 1, "%s.%03ld <%d> %s", cachedStamp, ts.tv_nsec / 1'000'000,
                                 level, text));
+}
+
+void WriteTarget(int target, int level, const char* text) {
+  if (target == static_cast<int>(gps::platform::LogTarget::Stderr)) return WriteStderr(level, text);
+  if (target == static_cast<int>(gps::platform::LogTarget::Journal)) return WriteJournal(level, text);
+  std::call_once(g_syslogOpened, [] { openlog("gps-service", LOG_PID | LOG_NDELAY, LOG_DAEMON); });
+  syslog(level, "%s", text);
+}
+
+// A line identical to the one before it (text and level) is written at most
+// once a second; the others are counted, and the count goes out at their
+// level just before the next line written, so a client that floods the
+// service with requests cannot flood the log with the same line.
+constexpr int64_t kRepeatWindowNs = 1'000'000'000;
+
+struct RepeatedLine {
+  std::mutex mutex;
+  int level = -1;
+  char text[1024] = {};
+  int64_t writtenNs = 0;
+  unsigned count = 0;
+};
+RepeatedLine g_repeated;
+
+int64_t MonotonicNs() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
+}
+
+void WriteFolded(int target, int level, const char* text) {
+  std::lock_guard lock(g_repeated.mutex);
+  const int64_t now = MonotonicNs();
+  const bool same = level == g_repeated.level && std::strcmp(text, g_repeated.text) == 0;
+  if (same && now - g_repeated.writtenNs < kRepeatWindowNs) {
+    ++g_repeated.count;
+    return;
+  }
+  if (g_repeated.count > 0) {
+    char notice[64];
+    std::snprintf(notice, sizeof notice, "last message repeated %u times", g_repeated.count);
+    WriteTarget(target, g_repeated.level, notice);
+    g_repeated.count = 0;
+  }
+  if (!same) {
+    g_repeated.level = level;
+    std::snprintf(g_repeated.text, sizeof g_repeated.text, "%s", text);
+  }
+  g_repeated.writtenNs = now;
+  WriteTarget(target, level, text);
 }
 
 }  // namespace
@@ -105,9 +157,5 @@ void Sys_log(int level, const char* format, ...) {
     binding->sink(binding->context, level, text);
     return;
   }
-  const int target = gps::platform::detail::logTarget.load(std::memory_order_relaxed);
-  if (target == static_cast<int>(gps::platform::LogTarget::Stderr)) return WriteStderr(level, text);
-  if (target == static_cast<int>(gps::platform::LogTarget::Journal)) return WriteJournal(level, text);
-  std::call_once(g_syslogOpened, [] { openlog("gps-service", LOG_PID | LOG_NDELAY, LOG_DAEMON); });
-  syslog(level, "%s", text);
+  WriteFolded(gps::platform::detail::logTarget.load(std::memory_order_relaxed), level, text);
 }

@@ -53,9 +53,15 @@ void IgnoreOrdinarySignals() {
   for (const int signal : {SIGUSR1, SIGUSR2, SIGALRM, SIGPIPE}) ::signal(signal, SIG_IGN);
 }
 
+// Also raises the soft limit to the hard one: every client costs a descriptor.
 int DescriptorLimitProblem() {
   rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max >= kMinDescriptors) return 0;
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+  if (limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  if (limit.rlim_max >= kMinDescriptors) return 0;
   ProcessLine(3, "gps-service: the descriptor limit is %llu; the service needs at least %llu (raise ulimit -n or "
                  "LimitNOFILE=)", static_cast<unsigned long long>(limit.rlim_max),
               static_cast<unsigned long long>(kMinDescriptors));

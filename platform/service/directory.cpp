@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "platform/os.h"
 #include "platform/root.h"
@@ -40,6 +42,32 @@ bool ValidAttribute(const std::pair<std::string, std::string>& attribute) {
   static constexpr std::string_view kReserved[] = {"address", "pid", "started", "ready"};
   return !key.empty() && key.find_first_of("=\n") == std::string::npos && value.find('\n') == std::string::npos &&
          std::find(std::begin(kReserved), std::end(kReserved), key) == std::end(kReserved);
+}
+
+// An entry file as this process last wrote it.
+struct WrittenEntry {
+  std::string path;
+  std::string text;
+  dev_t device = 0;
+  ino_t inode = 0;
+  timespec modified{};
+  bool failureLogged = false;
+};
+
+std::mutex g_writtenMutex;
+std::vector<WrittenEntry> g_written;
+
+void RecordWritten(const std::string& path, const std::string& text) {
+  struct stat st{};
+  if (::stat(path.c_str(), &st) != 0) return;
+  std::lock_guard lock(g_writtenMutex);
+  std::erase_if(g_written, [&](const WrittenEntry& written) { return written.path == path; });
+  g_written.push_back({path, text, st.st_dev, st.st_ino, st.st_mtim});
+}
+
+void ForgetWritten(const std::string& path) {
+  std::lock_guard lock(g_writtenMutex);
+  std::erase_if(g_written, [&](const WrittenEntry& written) { return written.path == path; });
 }
 
 }  // namespace
@@ -95,7 +123,10 @@ os::Error Directory::writeEntry(const std::string& serviceClass, const Directory
   std::string text = "address=" + entry.address + "\npid=" + std::to_string(entry.pid) +
                      "\nstarted=" + std::to_string(entry.started) + "\nready=" + (entry.ready ? "1" : "0") + "\n";
   for (const auto& [key, value] : entry.attributes) text += key + "=" + value + "\n";
-  return WriteFileAtomically(path_ + "/" + serviceClass, text) ? os::ERROR_NONE : ERROR_IO;
+  const std::string path = path_ + "/" + serviceClass;
+  if (!WriteFileAtomically(path, text)) return ERROR_IO;
+  RecordWritten(path, text);
+  return os::ERROR_NONE;
 }
 
 os::Error Directory::add(const std::string& serviceClass, const std::string& address,
@@ -123,6 +154,7 @@ os::Error Directory::remove(const std::string& serviceClass) {
   if (!isConnected()) return ERROR_DISCONNECTED;
   if (!ValidClass(serviceClass)) return ERROR_INVALID;
   std::erase_if(added_, [&](const auto& added) { return added.first == serviceClass; });
+  ForgetWritten(path_ + "/" + serviceClass);
   if (::unlink((path_ + "/" + serviceClass).c_str()) != 0) return errno == ENOENT ? ERROR_NOT_FOUND : ERROR_IO;
   return os::ERROR_NONE;
 }
@@ -137,6 +169,35 @@ os::Error Directory::setReady() {
   }
   if (const os::Error notified = NotifySystemdReady(); notified != os::ERROR_NONE) result = notified;
   return result;
+}
+
+void Directory::RestoreRegistered() {
+  std::lock_guard lock(g_writtenMutex);
+  std::erase_if(g_written, [](WrittenEntry& written) {
+    struct stat st{};
+    const bool missing = ::lstat(written.path.c_str(), &st) != 0;
+    if (!missing && st.st_dev == written.device && st.st_ino == written.inode &&
+        st.st_mtim.tv_sec == written.modified.tv_sec && st.st_mtim.tv_nsec == written.modified.tv_nsec)
+      return false;
+    const std::string folder = ParentDirectory(written.path);
+    if (missing && ::access(folder.c_str(), F_OK) != 0) {
+      if (::access(ParentDirectory(folder).c_str(), F_OK) != 0) return true;
+      gps::platform::MakeDirectories(folder);
+    }
+    if (!WriteFileAtomically(written.path, written.text) || ::stat(written.path.c_str(), &st) != 0) {
+      if (!written.failureLogged)
+        Sys_log(3, "directory: cannot restore %s: %s; clients cannot find the service until it is back.",
+                written.path.c_str(), std::strerror(errno));
+      written.failureLogged = true;
+      return false;
+    }
+    Sys_log(4, "directory: %s was %s; written again.", written.path.c_str(), missing ? "removed" : "replaced");
+    written.device = st.st_dev;
+    written.inode = st.st_ino;
+    written.modified = st.st_mtim;
+    written.failureLogged = false;
+    return false;
+  });
 }
 
 std::optional<DirectoryEntry> Directory::Lookup(const std::string& serviceClass, const std::string& directory) {

@@ -64,6 +64,13 @@ class Directory : public Proxyable {
   // READY=1. Also valid without any add (a process that only signals).
   os::Error setReady();
 
+  // Writes again each entry this process added and has not removed whose
+  // file disappeared or was replaced since it was written (another inode or
+  // modification time), also when the registry folder itself went away (not
+  // its parent: the whole root is gone then, and the entry is forgotten).
+  // Logs each repair once. The service's loop calls it once a second.
+  static void RestoreRegistered();
+
   // The registry path of the default directory.
   static std::string DefaultPath();
   static std::optional<DirectoryEntry> Lookup(const std::string& serviceClass, const std::string& directory = {});

@@ -20,6 +20,7 @@
 #include "platform/os.h"
 #include "platform/root.h"
 #include "platform/settings.h"
+#include "platform/service/directory.h"
 #include "platform/service/file_util.h"
 #include "platform/service/message_type.h"
 
@@ -35,7 +36,19 @@ constexpr uint64_t kFirstConnectionId = 16;
 constexpr size_t kReadChunkBytes = kFrameHeaderBytes + kMaxPayloadBytes;
 constexpr int kAcceptsPerRound = 64;
 constexpr uint32_t kListenRetryMs = 1000;
+// Without a descriptor for a new connection the listener stays readable; it
+// leaves the wait this long so the loop does not spin, and says so once a minute.
+constexpr uint64_t kExhaustionPauseMs = 100;
+constexpr uint64_t kExhaustionLogMs = 60000;
+// Connections never take the last descriptors of the limit: the rest of the
+// daemon still needs some (saving the stored fix, reopening the log or the
+// receiver) when clients crowd in.
+constexpr rlim_t kSpareDescriptors = 8;
 constexpr uint32_t kSweepPeriodMs = 1000;
+// How often the socket file and the directory entry are checked to still be
+// there: removed by hand or by a cleaning job, clients could not find the
+// service again until it restarts.
+constexpr uint64_t kSocketCheckMs = 1000;
 
 constexpr uint64_t kRefusalLogPeriodMs = 60'000;
 
@@ -72,6 +85,17 @@ void RaiseDescriptorLimit(size_t wanted) {
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= wanted) return;
   limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, wanted);
   ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// Whether a new descriptor would still leave kSpareDescriptors free. The
+// lowest free number counts the descriptors open below it.
+bool RoomForConnection(int anyOpenFd) {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return true;
+  const int lowestFree = ::fcntl(anyOpenFd, F_DUPFD_CLOEXEC, 0);
+  if (lowestFree < 0) return false;
+  ::close(lowestFree);
+  return static_cast<rlim_t>(lowestFree) + kSpareDescriptors < limit.rlim_cur;
 }
 
 bool IsRequest(const FrameHeader& header) { return header.kind == FrameKind::Request; }
@@ -356,7 +380,8 @@ void Service::closeConnection(Connection& connection, const char* why) {
   if (reservedBy_ == connection.id) reservedBy_ = 0;
   admission_.release(connection.certificate.uid());
   ::epoll_ctl(epoll_, EPOLL_CTL_DEL, connection.fd, nullptr);
-  connections_.erase(connection.id);
+  const uint64_t id = connection.id;  // not a reference into what erase destroys
+  connections_.erase(id);
   connectionCount_ = connections_.size();
 }
 
@@ -541,6 +566,41 @@ void Service::sweep(uint64_t nowMs) {
   for (Connection* connection : stale) closeConnection(*connection, "idle");
 }
 
+void Service::pauseListener(uint64_t nowMs, int error) {
+  epoll_event event{};
+  event.data.u64 = kListenerTag;  // no events: out of the wait
+  ::epoll_ctl(epoll_, EPOLL_CTL_MOD, listener_, &event);
+  listenerPausedUntilMs_ = nowMs + kExhaustionPauseMs;
+  if (!exhaustionLogged_ || nowMs - lastExhaustionLogMs_ >= kExhaustionLogMs) {
+    Sys_log(4, "service: cannot accept connections: %s; %zu open; new ones wait (raise LimitNOFILE= or ulimit -n).",
+            std::strerror(error), connections_.size());
+    exhaustionLogged_ = true;
+    lastExhaustionLogMs_ = nowMs;
+  }
+}
+
+void Service::resumeListener(uint64_t nowMs) {
+  if (listenerPausedUntilMs_ == 0 || nowMs < listenerPausedUntilMs_) return;
+  listenerPausedUntilMs_ = 0;
+  if (listener_ < 0) return;
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = kListenerTag;
+  ::epoll_ctl(epoll_, EPOLL_CTL_MOD, listener_, &event);
+}
+
+void Service::restoreSocket() {
+  if (listener_ < 0) return;  // dispatch() is already trying to open one
+  struct stat st{};
+  const bool missing = ::lstat(socketPath_.c_str(), &st) != 0;
+  if (!missing && st.st_dev == socketDevice_ && st.st_ino == socketInode_) return;
+  // Connections already accepted go on; new ones need a socket file to find.
+  closeListener();
+  const bool listening = openListener();
+  Sys_log(4, "service: %s was %s; %s.", socketPath_.c_str(), missing ? "removed" : "replaced",
+          listening ? "listening on a new one" : "trying again every second");
+}
+
 os::Error Service::dispatch(uint32_t timeoutMs) {
   const uint64_t start = NowMs();
   const bool forever = timeoutMs == UINT32_MAX;
@@ -557,6 +617,14 @@ os::Error Service::dispatch(uint32_t timeoutMs) {
       return ERROR_IO;
     }
     if (listener_ < 0) waitMs = std::min<uint64_t>(waitMs, kListenRetryMs);
+    if (now - lastSocketCheckMs_ >= kSocketCheckMs) {
+      lastSocketCheckMs_ = now;
+      restoreSocket();
+      Directory::RestoreRegistered();
+    }
+    waitMs = std::min<uint64_t>(waitMs, lastSocketCheckMs_ + kSocketCheckMs - now);
+    resumeListener(now);
+    if (listenerPausedUntilMs_ != 0) waitMs = std::min<uint64_t>(waitMs, listenerPausedUntilMs_ - now);
 
     epoll_event events[64];
     const int count = ::epoll_wait(epoll_, events, 64, static_cast<int>(waitMs));
@@ -568,8 +636,15 @@ os::Error Service::dispatch(uint32_t timeoutMs) {
       const uint64_t tag = events[i].data.u64;
       if (tag == kListenerTag) {
         for (int accepted = 0; accepted < kAcceptsPerRound; ++accepted) {
+          if (!RoomForConnection(listener_)) {
+            pauseListener(now, EMFILE);
+            break;
+          }
           const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-          if (fd < 0) break;
+          if (fd < 0) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) pauseListener(now, errno);
+            break;
+          }
           addConnection(fd);
         }
         handled = true;

@@ -127,6 +127,9 @@ class Service {
 
   bool openListener();
   void closeListener();
+  void pauseListener(uint64_t nowMs, int error);
+  void resumeListener(uint64_t nowMs);
+  void restoreSocket();
   os::Error addConnection(int fd);
   void closeConnection(Connection& connection, const char* why);
   void readFrom(Connection& connection);
@@ -158,6 +161,11 @@ class Service {
   uint64_t nextConnectionId_;
   uint64_t reservedBy_ = 0;  // connection id, 0 when free
   uint64_t lastListenAttemptMs_ = 0;
+  uint64_t lastSocketCheckMs_ = 0;
+  // Out of descriptors: the listener leaves the wait until then (0: it is in).
+  uint64_t listenerPausedUntilMs_ = 0;
+  uint64_t lastExhaustionLogMs_ = 0;
+  bool exhaustionLogged_ = false;
   uint64_t lastCapLogMs_ = 0;
   uint64_t lastReserveLogMs_ = 0;
 };

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <functional>
 #include <random>
+#include <sstream>
 
 #include "client/gps_client.h"
 #include "halvorda/device/gps/gps.pb.h"
@@ -312,7 +313,7 @@ TEST_F(GpsService, StopsCleanlyOnSigtermAndASecondInstanceLeavesTheFirstAlone) {
   EXPECT_NE(StoredConfig().find("poweron: true"), std::string::npos) << StoredConfig();
 }
 
-// Under journald: "<N>" prefixes and no time stamp. An unknown key is warned
+// Under journald: "<N>" prefixes, no time stamp, repeated lines folded. An unknown key is warned
 // about and the service runs; SIGHUP puts a new log threshold and device in effect;
 // SIGUSR1, SIGUSR2, SIGALRM and SIGPIPE change nothing.
 TEST_F(GpsService, SighupAppliesTheLogThresholdAndOrdinarySignalsAreIgnored) {
@@ -334,8 +335,25 @@ TEST_F(GpsService, SighupAppliesTheLogThresholdAndOrdinarySignalsAreIgnored) {
       << Log();
   for (const int signal : {SIGUSR1, SIGUSR2, SIGALRM, SIGPIPE}) ASSERT_TRUE(service_->Signal(signal));
   msg::SetGetStateResponse response;
+  // A client asking as fast as it can: its identical line is written once a
+  // second, the count of the others before the next line written.
+  size_t asked = 0;
+  for (const auto until = std::chrono::steady_clock::now() + 1200ms; std::chrono::steady_clock::now() < until; ++asked)
+    ASSERT_EQ(Ask(response), 0);
   ASSERT_EQ(Ask(response, true), 0);
-  EXPECT_NE(Log().find("\n<3>GPSCore: setState BEGIN\n"), std::string::npos) << Log();
+  const std::string flood = Log();
+  const std::string begin = "\n<3>GPSCore: setState BEGIN\n";
+  const std::string repeated = "<3>last message repeated ";
+  size_t written = 0;
+  size_t counted = 0;
+  for (size_t at = flood.find(begin); at != std::string::npos; at = flood.find(begin, at + 1)) {
+    ++written;
+    if (flood.compare(at + begin.size(), repeated.size(), repeated) == 0)
+      counted += std::stoul(flood.substr(at + begin.size() + repeated.size()));
+  }
+  EXPECT_EQ(written, 2u) << flood;
+  EXPECT_EQ(written + counted, asked + 1) << flood;
+  EXPECT_NE(flood.find(" times\n<3>GPSCore: updateParameters\n"), std::string::npos) << flood;
   EXPECT_EQ(Log().find("setPower(1) OK"), std::string::npos) << "level 7 is above threshold 4";
 
   // The device changed: the receiver is reopened on it (here one that is absent).
@@ -464,6 +482,69 @@ TEST_F(GpsService, AParametersFileOfRandomBytesGivesNoStoredPosition) {
   std::ifstream in(root_ / "service.log");
   const std::string log(std::istreambuf_iterator<char>(in), {});
   EXPECT_NE(log.find("fs/GPS/gps_param.cfg: the stored fix is damaged"), std::string::npos) << log;
+}
+
+// Out of descriptors, a listener stays readable: the service must not spin on
+// it, and serves again once descriptors are free.
+TEST_F(GpsService, OutOfDescriptorsTheServiceWaitsInsteadOfSpinning) {
+  ChildProcess service({"/usr/bin/prlimit", "--nofile=64", GPS_SERVICE_BINARY}, root_ / "service.log");
+  ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(root_ / "run/directory/local.device.gps"); }));
+  const std::string socketPath = root_ / "run/local.device.gps.sock";
+  std::vector<int> crowd;
+  for (int i = 0; i < 80; ++i) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+    connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    crowd.push_back(fd);
+  }
+  // CPU time of the service thread (the process's first thread), in ticks.
+  const auto busyTicks = [&] {
+    const std::string stat = Text("/proc/" + std::to_string(service.pid()) + "/task/" +
+                                  std::to_string(service.pid()) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    long ticks = 0;
+    for (int i = 3; fields >> field && i <= 15; ++i)
+      if (i >= 14) ticks += std::stol(field);  // utime, stime
+    return ticks;
+  };
+  std::this_thread::sleep_for(300ms);
+  const long before = busyTicks();
+  std::this_thread::sleep_for(4s);
+  const long used = busyTicks() - before;
+  EXPECT_LT(used, 4 * sysconf(_SC_CLK_TCK) / 10) << "service thread busy " << used << " ticks in 4 s";
+  EXPECT_NE(Log().find("cannot accept connections"), std::string::npos) << Log();
+  for (const int fd : crowd) close(fd);
+  auto client = gps::client::GpsClient::Connect(5s);
+  ASSERT_TRUE(client.ok()) << client.error().message();
+  const auto state = client->GetState();
+  EXPECT_TRUE(state.ok()) << "served once descriptors are free: " << (state ? "" : state.error().message()) << Log();
+}
+
+// A socket file or directory entry removed or rewritten at run time is back
+// within a second: clients find the service again without a restart.
+TEST_F(GpsService, ARemovedSocketAndDirectoryEntryComeBack) {
+  Start();
+  const std::filesystem::path entryPath = root_ / "run/directory/local.device.gps";
+  ASSERT_TRUE(WaitFor([&] { return Text(entryPath).find("ready=1") != std::string::npos; }));
+  const std::string entry = Text(entryPath);
+  ASSERT_TRUE(std::filesystem::remove(root_ / "run/local.device.gps.sock"));
+  ASSERT_TRUE(std::filesystem::remove(entryPath));
+  const auto removed = std::chrono::steady_clock::now();
+  ASSERT_TRUE(WaitFor([] {
+    auto client = gps::client::GpsClient::Connect(1s);
+    return client.ok() && client->GetState().ok();
+  }));
+  EXPECT_LT(std::chrono::steady_clock::now() - removed, 2s);
+  EXPECT_EQ(Text(entryPath), entry);
+  std::ofstream(entryPath) << "address=run/elsewhere.sock\n";
+  EXPECT_TRUE(WaitFor([&] { return Text(entryPath) == entry; }, 2s)) << Text(entryPath);
+  const std::string log = Log();
+  EXPECT_NE(log.find("local.device.gps.sock was removed; listening on a new one"), std::string::npos) << log;
+  EXPECT_NE(log.find("directory/local.device.gps was removed; written again"), std::string::npos) << log;
+  EXPECT_NE(log.find("directory/local.device.gps was replaced; written again"), std::string::npos) << log;
 }
 
 TEST_F(GpsService, ReadyOnlyStartSignalsReadyAndServesNothing) {
