@@ -18,6 +18,8 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <span>
+#include <utility>
 #include <thread>
 
 #include "engine/gps_geolocating.h"
@@ -169,6 +171,16 @@ bool IsLoopback(const sockaddr_storage& address) {
   return address.ss_family == AF_INET6 && IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6&>(address).sin6_addr);
 }
 
+// The port (network order) and address bytes of an IPv4 or IPv6 address.
+std::pair<uint16_t, std::span<const uint8_t>> PortAndAddress(const sockaddr_storage& address) {
+  if (address.ss_family == AF_INET) {
+    const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
+    return {v4.sin_port, {reinterpret_cast<const uint8_t*>(&v4.sin_addr), sizeof v4.sin_addr}};
+  }
+  const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
+  return {v6.sin6_port, {reinterpret_cast<const uint8_t*>(&v6.sin6_addr), sizeof v6.sin6_addr}};
+}
+
 // The owner of the client's own socket of a loopback TCP connection, from the
 // kernel's socket table (sock_diag): its source is our peer, its destination
 // our local address.
@@ -187,21 +199,12 @@ std::optional<uid_t> LoopbackPeerUid(const sockaddr_storage& peer, const sockadd
   r.sdiag_protocol = IPPROTO_TCP;
   r.idiag_states = ~0u;
   r.id.idiag_cookie[0] = r.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
-  if (peer.ss_family == AF_INET) {
-    const auto& p = reinterpret_cast<const sockaddr_in&>(peer);
-    const auto& l = reinterpret_cast<const sockaddr_in&>(local);
-    r.id.idiag_sport = p.sin_port;
-    r.id.idiag_dport = l.sin_port;
-    std::memcpy(r.id.idiag_src, &p.sin_addr, sizeof p.sin_addr);
-    std::memcpy(r.id.idiag_dst, &l.sin_addr, sizeof l.sin_addr);
-  } else {
-    const auto& p = reinterpret_cast<const sockaddr_in6&>(peer);
-    const auto& l = reinterpret_cast<const sockaddr_in6&>(local);
-    r.id.idiag_sport = p.sin6_port;
-    r.id.idiag_dport = l.sin6_port;
-    std::memcpy(r.id.idiag_src, &p.sin6_addr, sizeof p.sin6_addr);
-    std::memcpy(r.id.idiag_dst, &l.sin6_addr, sizeof l.sin6_addr);
-  }
+  const auto [peerPort, peerAddress] = PortAndAddress(peer);
+  const auto [localPort, localAddress] = PortAndAddress(local);
+  r.id.idiag_sport = peerPort;
+  r.id.idiag_dport = localPort;
+  std::memcpy(r.id.idiag_src, peerAddress.data(), peerAddress.size());
+  std::memcpy(r.id.idiag_dst, localAddress.data(), localAddress.size());
   sockaddr_nl kernel{};
   kernel.nl_family = AF_NETLINK;
   if (::sendto(netlink.get(), &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) !=
@@ -404,10 +407,7 @@ class ExporterImpl final : public Exporter {
       return {"uid " + std::to_string(*uid), *uid == 0 || *uid == ::geteuid()};
     }
     char text[INET6_ADDRSTRLEN] = "?";
-    if (address.ss_family == AF_INET)
-      inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(address).sin_addr, text, sizeof text);
-    else if (address.ss_family == AF_INET6)
-      inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6&>(address).sin6_addr, text, sizeof text);
+    inet_ntop(address.ss_family, PortAndAddress(address).second.data(), text, sizeof text);
     return {std::string("address ") + text, false};
   }
 
