@@ -462,11 +462,9 @@ class ExporterImpl final : public Exporter {
         if (command.changesDevice) send(id, client, ErrorObject("Device settings are read-only here"));
         else send(id, client, DeviceObject(device_, ReadRecord(0, false).device, true));
         break;
-      case CommandKind::Poll: {
-        const RecordView view = ReadRecord(0, false);
-        send(id, client, PollObject(device_.path, view, NowMs(), device_.activatedMs.has_value()));
+      case CommandKind::Poll:
+        send(id, client, pollReply());
         break;
-      }
       case CommandKind::Watch: {
         const WatchRequest& w = command.watch;
         if (w.device && !w.device->empty() && *w.device != device_.path) {
@@ -492,6 +490,23 @@ class ExporterImpl final : public Exporter {
         send(id, client, ErrorObject(command.error));
         break;
     }
+  }
+
+  // Polls between two receiver messages within one tick read and convert
+  // the record once: its reports change only with a message, the power
+  // state, or a tick passing (a fix growing old). A message is logged before
+  // the engine analyses it, so a reply may lag that analysis by one tick.
+  std::string pollReply() {
+    const bool active = device_.activatedMs.has_value();
+    lib_GPS_Lock();
+    const uint32_t sequence = gps_private_info.message_sequence;
+    const uint32_t power = gps_private_info.power_state;
+    lib_GPS_Unlock();
+    const uint32_t tick = OS_rtc_GetTickCounter();
+    if (!pollCache_ || pollCache_->sequence != sequence || pollCache_->tick != tick || pollCache_->power != power ||
+        pollCache_->active != active)
+      pollCache_ = PollCache{sequence, tick, power, active, PollContent(device_.path, ReadRecord(0, false), active)};
+    return PollObject(pollCache_->reports, NowMs(), active);
   }
 
   void onNotify() {
@@ -608,6 +623,12 @@ class ExporterImpl final : public Exporter {
   uint32_t lastGgaTick_ = 0;
   uint32_t lastSatViewTick_ = 0;
   std::optional<int64_t> skyDueMs_;
+  struct PollCache {
+    uint32_t sequence, tick, power;
+    bool active;
+    PollReports reports;
+  };
+  std::optional<PollCache> pollCache_;
   std::thread thread_;
 };
 

@@ -282,12 +282,19 @@ std::string SkyObject(const std::string& path, const SkyView& sky, std::optional
   return Sky(path, sky, timeMs) + "\r\n";
 }
 
-std::string PollObject(const std::string& path, const RecordView& view, int64_t nowMs, bool active) {
+PollReports PollContent(const std::string& path, const RecordView& view, bool active) {
+  return {active ? "[" + Tpv(path, view.fix) + "]" : "[]",
+          active && view.sky.satViewTick != 0 ? "[" + Sky(path, view.sky, view.fix.utcMs) + "]" : "[]"};
+}
+
+std::string PollObject(const PollReports& reports, int64_t nowMs, bool active) {
   ObjectWriter o("POLL");
   o.text("time", IsoTime(nowMs)).integer("active", active ? 1 : 0);
-  o.raw("tpv", active ? "[" + Tpv(path, view.fix) + "]" : "[]");
-  o.raw("sky", active && view.sky.satViewTick != 0 ? "[" + Sky(path, view.sky, view.fix.utcMs) + "]" : "[]");
-  return o.line();
+  return o.raw("tpv", reports.tpv).raw("sky", reports.sky).line();
+}
+
+std::string PollObject(const std::string& path, const RecordView& view, int64_t nowMs, bool active) {
+  return PollObject(PollContent(path, view, active), nowMs, active);
 }
 
 std::string ErrorObject(std::string_view message) {
