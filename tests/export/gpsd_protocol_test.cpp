@@ -135,7 +135,7 @@ TEST_F(GpsdReports, EpochBecomesTpvAndSky) {
   const auto stale = View();
   EXPECT_EQ(stale.fix.mode, 1);
   EXPECT_FALSE(stale.fix.latitudeDeg);
-  EXPECT_EQ(stale.sky.usedCount, 0);
+  EXPECT_TRUE(stale.sky.satellites.empty()) << "an old GSV group is no sky";
 }
 
 TEST_F(GpsdReports, NoFixAndTwoDimensionalFix) {
@@ -209,12 +209,13 @@ TEST_F(GpsdReports, ConfiguredReceiversSkyAndLeapSecond) {
            std::string(4, '\0');
   };
   gps::test::FeedReceiver(gps::test::UbxFrame(
-      0x01, 0x30, std::string{0, 0, 0, 0, 3, 0, 0, 0} + channel(7, 5, 41, 33, 301) + channel(120, 0, 0, 0, 0) +
-                      channel(0, 0, 0, 0, 0)));
+      0x01, 0x30, std::string{0, 0, 0, 0, 5, 0, 0, 0} + channel(7, 5, 41, 33, 301) + channel(120, 0, 0, 0, 0) +
+                      channel(0, 0, 0, 0, 0) + channel(1, 0, 0, 0, 0) + channel(151, 0, 0, 0, 0)));
   sky = nlohmann::json::parse(gps::exporter::SkyObject("sim", View().sky, std::nullopt));
   EXPECT_EQ(sky["satellites"], nlohmann::json::parse(
             R"([{"PRN":7,"el":33.0,"az":301.0,"ss":41.0,"used":true,"gnssid":0,"svid":7},)"
-            R"({"PRN":33,"used":false,"gnssid":1,"svid":120}])"));
+            R"({"PRN":33,"used":false,"gnssid":1,"svid":120},{"PRN":1,"used":false,"gnssid":0,"svid":1},)"
+            R"({"PRN":64,"used":false,"gnssid":1,"svid":151}])"));
   EXPECT_EQ(sky["uSat"], 1);
 
   const auto pvt = nlohmann::json::parse(gps::exporter::TpvObject("sim", View().fix));
