@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -180,6 +181,7 @@ gps_parameters_t g_pending;         // under g_pendingLock
 bool g_hasPending = false;          // under g_pendingLock
 bool g_writing = false;             // under g_pendingLock: a copy taken, not yet written
 bool g_writerStarted = false;       // under g_pendingLock
+bool g_closed = false;              // under g_pendingLock: the process is exiting
 uint64_t g_generation = 0;          // under g_pendingLock
 uint64_t g_pendingGeneration = 0;   // under g_pendingLock
 uint64_t g_writtenGeneration = 0;   // under g_fileLock
@@ -214,10 +216,23 @@ void* ParametersWriter(void*) {
   return nullptr;
 }
 
+// At exit the last copy is written and the writer stops taking copies:
+// what it uses (the platform root, the log) is destroyed after this runs.
+void CloseParametersWriter(void) {
+  pthread_mutex_lock(&g_pendingLock);
+  while (g_hasPending || g_writing) pthread_cond_wait(&g_pendingChanged, &g_pendingLock);
+  g_closed = true;
+  pthread_mutex_unlock(&g_pendingLock);
+}
+
 // Hands a copy of the record to the writer thread; written on the caller's
 // thread when no writer thread can be started.
 int StoreDeferred(void) {
   pthread_mutex_lock(&g_pendingLock);
+  if (g_closed) {
+    pthread_mutex_unlock(&g_pendingLock);
+    return 0;
+  }
   if (!g_writerStarted) {
     pthread_t thread;
     pthread_attr_t attributes;
@@ -225,6 +240,7 @@ int StoreDeferred(void) {
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     g_writerStarted = pthread_create(&thread, &attributes, ParametersWriter, nullptr) == 0;
     pthread_attr_destroy(&attributes);
+    if (g_writerStarted) std::atexit(CloseParametersWriter);
     if (!g_writerStarted) {
       pthread_mutex_unlock(&g_pendingLock);
       return lib_GPS_param_SaveParameters();
