@@ -147,8 +147,8 @@ Result<std::string> SkyView(std::chrono::milliseconds timeout) {
       return sat.contains(key) && sat[key].is_number() ? Format(format, sat[key].get<double>()) : std::string("-");
     };
     char line[96];
-    std::snprintf(line, sizeof line, "  %3d  %4s  %4s  %3s dB-Hz  %s\n", sat.value("PRN", 0),
-                  field("el", "%.0f").c_str(), field("az", "%.0f").c_str(), field("ss", "%.0f").c_str(),
+    std::snprintf(line, sizeof line, "  %3d  %4s  %4s  %9s  %s\n", sat.value("PRN", 0),
+                  field("el", "%.0f").c_str(), field("az", "%.0f").c_str(), field("ss", "%3.0f dB-Hz").c_str(),
                   sat.value("used", false) ? "yes" : "no");
     text += line;
   }
