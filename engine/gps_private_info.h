@@ -32,7 +32,7 @@ inline constexpr int GPS_MESSAGE_LOG_CAPACITY = 64;
 inline constexpr uint32_t GPS_MESSAGE_LOG_BYTES = 256;
 
 // NAV-SVINFO kept as received: 8 header bytes, then 12 a channel, at most
-// this many channels (a u-blox 8 reports up to 72 in practice fewer).
+// this many channels; a report of more keeps its first ones.
 inline constexpr uint32_t GPS_NAV_SVINFO_CHANNELS = 64;
 inline constexpr uint32_t GPS_NAV_SVINFO_BYTES = 8 + 12 * GPS_NAV_SVINFO_CHANNELS;
 
