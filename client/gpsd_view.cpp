@@ -142,9 +142,13 @@ Result<std::string> SkyView(std::chrono::milliseconds timeout) {
     if (sky.contains(dop)) text += std::string(dop) + "=" + Format("%.2f", sky[dop].get<double>()) + "  ";
   text += "\n  PRN  Elev  Azim  Signal  Used\n";
   for (const auto& sat : sky.value("satellites", nlohmann::json::array())) {
+    // A satellite known only as used has no elevation, azimuth or signal: "-".
+    const auto field = [&](const char* key, const char* format) {
+      return sat.contains(key) && sat[key].is_number() ? Format(format, sat[key].get<double>()) : std::string("-");
+    };
     char line[96];
-    std::snprintf(line, sizeof line, "  %3d  %4.0f  %4.0f  %3.0f dB-Hz  %s\n", sat.value("PRN", 0),
-                  sat.value("el", 0.0), sat.value("az", 0.0), sat.value("ss", 0.0),
+    std::snprintf(line, sizeof line, "  %3d  %4s  %4s  %9s  %s\n", sat.value("PRN", 0),
+                  field("el", "%.0f").c_str(), field("az", "%.0f").c_str(), field("ss", "%3.0f dB-Hz").c_str(),
                   sat.value("used", false) ? "yes" : "no");
     text += line;
   }

@@ -47,6 +47,8 @@ void lib_GPS_ResetInfos(gps_private_info_t* infos) {
   infos->mon_hw_tick = 0;
   infos->nav_clock_tick = 0;
   infos->nav_status_tick = 0;
+  infos->nav_svinfo_tick = 0;
+  infos->nav_timels_tick = 0;
   infos->gsv_group_tick = 0;
   infos->gsa_tick = 0;
   infos->gsa_fix_type = 0;

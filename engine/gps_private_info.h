@@ -31,6 +31,11 @@ inline constexpr int GPS_GSA_USED_CAPACITY = 64;
 inline constexpr int GPS_MESSAGE_LOG_CAPACITY = 64;
 inline constexpr uint32_t GPS_MESSAGE_LOG_BYTES = 256;
 
+// NAV-SVINFO kept as received: 8 header bytes, then 12 a channel, at most
+// this many channels; a report of more keeps its first ones.
+inline constexpr uint32_t GPS_NAV_SVINFO_CHANNELS = 64;
+inline constexpr uint32_t GPS_NAV_SVINFO_BYTES = 8 + 12 * GPS_NAV_SVINFO_CHANNELS;
+
 // external_command_flags bits.
 inline constexpr uint32_t GPS_COMMAND_COLD_RESTART = 0x1;
 inline constexpr uint32_t GPS_COMMAND_MON_HW_ON = 0x2;
@@ -167,6 +172,14 @@ struct gps_private_info_t {
   uint32_t nav_clock_tick;
   uint8_t nav_status[16];  // u32 at byte 8: time to first fix [ms]
   uint32_t nav_status_tick;
+  // Satellites of the receiver's channels (sent in expert mode, where GSV is
+  // off): numCh at byte 4, then per channel svid, flags, quality, cno, elev, azim.
+  uint8_t nav_svinfo[GPS_NAV_SVINFO_BYTES];
+  uint32_t nav_svinfo_tick;
+  // Leap second state: current count and an announced change (NAV-TIMELS, a
+  // receiver sends it when its configuration enables it).
+  uint8_t nav_timels[24];
+  uint32_t nav_timels_tick;
 
   int32_t antOffPolarity;
 

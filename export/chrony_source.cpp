@@ -37,7 +37,7 @@ std::optional<SockSample> MakeSample(const RecordView& view, std::optional<int64
   s.tv.tv_usec = static_cast<suseconds_t>((*epochStartNs % 1000000000) / 1000);
   s.offset = static_cast<double>(trueNs - (static_cast<int64_t>(s.tv.tv_sec) * 1000000000 + s.tv.tv_usec * 1000)) / 1e9;
   s.pulse = 0;
-  s.leap = 0;
+  s.leap = view.leap.change;  // an announced leap second at the end of this UTC day
   s.magic = kSockSampleMagic;
   return s;
 }

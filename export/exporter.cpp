@@ -1,6 +1,9 @@
 #include "export/exporter.h"
 
 #include <arpa/inet.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -15,6 +18,8 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <span>
+#include <utility>
 #include <thread>
 
 #include "engine/gps_geolocating.h"
@@ -23,6 +28,7 @@
 #include "export/record_view.h"
 #include "platform/os.h"
 #include "platform/root.h"
+#include "platform/service/admission.h"
 #include "platform/settings.h"
 
 namespace gps::exporter {
@@ -37,6 +43,9 @@ constexpr uint64_t kFirstClientTag = 1024;
 // drops a stalled caller.
 constexpr size_t kMaxQueuedBytes = 256 * 1024;
 constexpr size_t kMaxClients = 512;
+// Of kMaxClients, the slots only root and the daemon's own user may take.
+constexpr size_t kReservedClients = 64;
+constexpr int64_t kRefusalLogPeriodMs = 60'000;
 constexpr size_t kReadBytes = 4096;
 // GSV groups of several constellations arrive back to back: one SKY once the
 // burst has settled.
@@ -156,8 +165,66 @@ Fd ListenUnix(const std::string& path) {
   return fd;
 }
 
+bool IsLoopback(const sockaddr_storage& address) {
+  if (address.ss_family == AF_INET)
+    return (ntohl(reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr) >> 24) == 127;
+  return address.ss_family == AF_INET6 && IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6&>(address).sin6_addr);
+}
+
+// The port (network order) and address bytes of an IPv4 or IPv6 address.
+std::pair<uint16_t, std::span<const uint8_t>> PortAndAddress(const sockaddr_storage& address) {
+  if (address.ss_family == AF_INET) {
+    const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
+    return {v4.sin_port, {reinterpret_cast<const uint8_t*>(&v4.sin_addr), sizeof v4.sin_addr}};
+  }
+  const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
+  return {v6.sin6_port, {reinterpret_cast<const uint8_t*>(&v6.sin6_addr), sizeof v6.sin6_addr}};
+}
+
+// The owner of the client's own socket of a loopback TCP connection, from the
+// kernel's socket table (sock_diag): its source is our peer, its destination
+// our local address.
+std::optional<uid_t> LoopbackPeerUid(const sockaddr_storage& peer, const sockaddr_storage& local) {
+  Fd netlink(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  if (netlink.get() < 0) return std::nullopt;
+  struct {
+    nlmsghdr header;
+    inet_diag_req_v2 request;
+  } message{};
+  message.header.nlmsg_len = sizeof message;
+  message.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+  message.header.nlmsg_flags = NLM_F_REQUEST;
+  inet_diag_req_v2& r = message.request;
+  r.sdiag_family = static_cast<uint8_t>(peer.ss_family);
+  r.sdiag_protocol = IPPROTO_TCP;
+  r.idiag_states = ~0u;
+  r.id.idiag_cookie[0] = r.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
+  const auto [peerPort, peerAddress] = PortAndAddress(peer);
+  const auto [localPort, localAddress] = PortAndAddress(local);
+  r.id.idiag_sport = peerPort;
+  r.id.idiag_dport = localPort;
+  std::memcpy(r.id.idiag_src, peerAddress.data(), peerAddress.size());
+  std::memcpy(r.id.idiag_dst, localAddress.data(), localAddress.size());
+  sockaddr_nl kernel{};
+  kernel.nl_family = AF_NETLINK;
+  if (::sendto(netlink.get(), &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) !=
+      static_cast<ssize_t>(sizeof message))
+    return std::nullopt;
+  // The kernel answers while sendto runs; the wait only guards against a kernel that does not.
+  alignas(nlmsghdr) char answer[8192];
+  const ssize_t n = ::recv(netlink.get(), answer, sizeof answer, MSG_DONTWAIT);
+  int length = static_cast<int>(n);
+  for (auto* h = reinterpret_cast<nlmsghdr*>(answer); n > 0 && NLMSG_OK(h, length); h = NLMSG_NEXT(h, length)) {
+    if (h->nlmsg_type != SOCK_DIAG_BY_FAMILY || h->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg))) continue;
+    const auto* d = static_cast<const inet_diag_msg*>(NLMSG_DATA(h));
+    if (d->id.idiag_sport == r.id.idiag_sport && d->id.idiag_dport == r.id.idiag_dport) return d->idiag_uid;
+  }
+  return std::nullopt;
+}
+
 struct Client {
   Fd fd;
+  std::string peer;  // whose admission it counts against
   CommandReader reader;
   WatchState watch;
   std::string out;
@@ -281,7 +348,12 @@ class ExporterImpl final : public Exporter {
         const RecordView view = ReadRecord(0, false);
         broadcastJson(SkyObject(device_.path, view.sky, view.fix.utcMs));
       }
-      for (const uint64_t id : closing_) clients_.erase(id);
+      for (const uint64_t id : closing_) {
+        if (const auto it = clients_.find(id); it != clients_.end()) {
+          admission_.release(it->second.peer);
+          clients_.erase(it);
+        }
+      }
       if (!closing_.empty()) updateListener();
       closing_.clear();
     }
@@ -289,20 +361,76 @@ class ExporterImpl final : public Exporter {
 
   void accept(int listener) {
     for (;;) {
-      Fd fd(::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+      sockaddr_storage address{};
+      socklen_t length = sizeof address;
+      Fd fd(::accept4(listener, reinterpret_cast<sockaddr*>(&address), &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
       if (fd.get() < 0) return;
-      if (clients_.size() >= kMaxClients) {
-        Sys_log(4, "gpsd endpoint: %zu clients connected; a new one is refused.", clients_.size());
-        continue;
-      }
+      const Peer peer = identify(fd.get(), address);
+      if (!admit(peer)) continue;
       const int on = 1;
-      ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+      if (address.ss_family != AF_UNIX) ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
       const uint64_t id = nextClient_++;
       add(fd.get(), id, EPOLLIN | EPOLLRDHUP);
       Client& client = clients_[id];
       client.fd = std::move(fd);
+      client.peer = peer.key;
       send(id, client, VersionObject());
     }
+  }
+
+  // Who a connection counts against: its uid on the Unix socket and on
+  // loopback TCP (every local user arrives from the same address), its
+  // address from elsewhere.
+  struct Peer {
+    std::string key;          // "uid 1000" or "address 192.0.2.7"
+    bool privileged = false;  // root or the daemon's own user
+  };
+
+  Peer identify(int fd, const sockaddr_storage& address) {
+    std::optional<uid_t> uid;
+    if (address.ss_family == AF_UNIX) {
+      ucred credentials{};
+      socklen_t size = sizeof credentials;
+      if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0) uid = credentials.uid;
+    } else if (IsLoopback(address)) {
+      sockaddr_storage local{};
+      socklen_t size = sizeof local;
+      if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) == 0) uid = LoopbackPeerUid(address, local);
+      if (!uid && !uidLookupFailed_) {
+        uidLookupFailed_ = true;
+        Sys_log(4, "gpsd endpoint: the owner of a loopback connection cannot be found (sock_diag: %s); such "
+                "connections count against their address until it can.", std::strerror(errno));
+      }
+    }
+    if (uid) {
+      uidLookupFailed_ = false;
+      return {"uid " + std::to_string(*uid), *uid == 0 || *uid == ::geteuid()};
+    }
+    char text[INET6_ADDRSTRLEN] = "?";
+    inet_ntop(address.ss_family, PortAndAddress(address).second.data(), text, sizeof text);
+    return {std::string("address ") + text, false};
+  }
+
+  // As the service admits its callers: an ordinary peer holds at most its
+  // share and never the last slots.
+  bool admit(const Peer& peer) {
+    const size_t perPeer = settings_.maxConnectionsPerUser > 0 ? static_cast<size_t>(settings_.maxConnectionsPerUser)
+                                                               : kMaxClients;
+    const halvorda::service::AdmissionLimits limits{kMaxClients, peer.privileged ? kMaxClients : perPeer,
+                                                    peer.privileged ? 0 : kReservedClients};
+    const halvorda::service::Admission admitted = admission_.admit(peer.key, limits);
+    if (admitted == halvorda::service::Admission::Admitted) return true;
+    const int64_t now = NowMs();
+    if (admitted == halvorda::service::Admission::PeerFull) {
+      if (admission_.shouldLogRefusal(peer.key, static_cast<uint64_t>(now), kRefusalLogPeriodMs))
+        Sys_log(4, "gpsd endpoint: %s holds %zu connections, the most one user may; refusing more (logged once a "
+                "minute).", peer.key.c_str(), admission_.openOf(peer.key));
+    } else if (lastReserveLogMs_ == 0 || now - lastReserveLogMs_ >= kRefusalLogPeriodMs) {
+      lastReserveLogMs_ = now;
+      Sys_log(4, "gpsd endpoint: %zu clients connected, the rest kept for root and the service; refusing %s (logged "
+              "once a minute).", admission_.open(), peer.key.c_str());
+    }
+    return false;
   }
 
   void onClient(uint64_t id, uint32_t events) {
@@ -334,11 +462,9 @@ class ExporterImpl final : public Exporter {
         if (command.changesDevice) send(id, client, ErrorObject("Device settings are read-only here"));
         else send(id, client, DeviceObject(device_, ReadRecord(0, false).device, true));
         break;
-      case CommandKind::Poll: {
-        const RecordView view = ReadRecord(0, false);
-        send(id, client, PollObject(device_.path, view, NowMs(), device_.activatedMs.has_value()));
+      case CommandKind::Poll:
+        send(id, client, pollReply());
         break;
-      }
       case CommandKind::Watch: {
         const WatchRequest& w = command.watch;
         if (w.device && !w.device->empty() && *w.device != device_.path) {
@@ -364,6 +490,23 @@ class ExporterImpl final : public Exporter {
         send(id, client, ErrorObject(command.error));
         break;
     }
+  }
+
+  // Polls between two receiver messages within one tick read and convert
+  // the record once: its reports change only with a message, the power
+  // state, or a tick passing (a fix growing old). A message is logged before
+  // the engine analyses it, so a reply may lag that analysis by one tick.
+  std::string pollReply() {
+    const bool active = device_.activatedMs.has_value();
+    lib_GPS_Lock();
+    const uint32_t sequence = gps_private_info.message_sequence;
+    const uint32_t power = gps_private_info.power_state;
+    lib_GPS_Unlock();
+    const uint32_t tick = OS_rtc_GetTickCounter();
+    if (!pollCache_ || pollCache_->sequence != sequence || pollCache_->tick != tick || pollCache_->power != power ||
+        pollCache_->active != active)
+      pollCache_ = PollCache{sequence, tick, power, active, PollContent(device_.path, ReadRecord(0, false), active)};
+    return PollObject(pollCache_->reports, NowMs(), active);
   }
 
   void onNotify() {
@@ -470,6 +613,9 @@ class ExporterImpl final : public Exporter {
   std::string socketPath_;
   std::optional<ChronySource> chrony_;
   std::map<uint64_t, Client> clients_;
+  halvorda::service::PeerAdmission<std::string> admission_;
+  int64_t lastReserveLogMs_ = 0;
+  bool uidLookupFailed_ = false;
   std::vector<uint64_t> closing_;
   uint64_t nextClient_ = kFirstClientTag;
   bool listening_ = false;
@@ -477,6 +623,12 @@ class ExporterImpl final : public Exporter {
   uint32_t lastGgaTick_ = 0;
   uint32_t lastSatViewTick_ = 0;
   std::optional<int64_t> skyDueMs_;
+  struct PollCache {
+    uint32_t sequence, tick, power;
+    bool active;
+    PollReports reports;
+  };
+  std::optional<PollCache> pollCache_;
   std::thread thread_;
 };
 
@@ -496,6 +648,7 @@ std::unique_ptr<Exporter> Exporter::StartConfigured() {
   e.gpsdSocket = s.gpsdSocket;
   e.chronySocket = s.chronySocket;
   e.bps = s.baud;
+  e.maxConnectionsPerUser = s.maxConnectionsPerUser;
   const bool ubx = s.moduleType == GPS_MODULE_TYPE_UBX_G7020 || s.moduleType == GPS_MODULE_TYPE_UBX_M8030;
   if (!ubx) {
     e.devicePath = platform::SystemPath("/tmp/gps_dgprs").value_or("/tmp/gps_dgprs");

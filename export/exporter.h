@@ -15,6 +15,7 @@ struct ExportSettings {
   std::string chronySocket;  // chronyd's SOCK refclock socket
   std::string devicePath;    // the DEVICE path clients see ("sim" for the simulator)
   int bps = 9600;
+  int maxConnectionsPerUser = 64;  // connections one ordinary peer may hold
   bool lineDelay = true;     // bytes take 10 bit times each on the receiver's line
 };
 

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -226,6 +227,16 @@ std::string DevicesObject(const DeviceDescription& device, const DeviceView& vie
 
 namespace {
 
+// gpsd's constellation and number within it for an NMEA-numbered PRN.
+std::pair<int, int> GnssOf(int prn) {
+  if (prn >= 33 && prn <= 64) return {1, prn + 87};    // SBAS 120-151
+  if (prn >= 65 && prn <= 96) return {6, prn - 64};    // GLONASS
+  if (prn >= 193 && prn <= 200) return {5, prn - 192}; // QZSS
+  if (prn >= 201 && prn <= 237) return {3, prn - 200}; // BeiDou
+  if (prn >= 301 && prn <= 336) return {2, prn - 300}; // Galileo
+  return {0, prn};                                     // GPS
+}
+
 std::string Tpv(const std::string& path, const FixView& f) {
   ObjectWriter o("TPV");
   o.text("device", path).integer("mode", f.mode);
@@ -238,6 +249,7 @@ std::string Tpv(const std::string& path, const FixView& f) {
     o.number("eph", f.horizontalErrorM, 3).number("epv", f.verticalErrorM, 3);
     o.number("track", f.trackDeg, 4).number("speed", f.speedMps, 3).number("climb", f.climbMps, 3);
   }
+  if (f.leapSeconds) o.integer("leapseconds", *f.leapSeconds);
   return o.object();
 }
 
@@ -250,14 +262,13 @@ std::string Sky(const std::string& path, const SkyView& s, std::optional<int64_t
   std::string list = "[";
   for (const SatelliteView& sat : s.satellites) {
     if (list.size() > 1) list += ',';
-    // NMEA numbers 1-32 are GPS, 33-64 SBAS (PRN 120-151).
-    const bool sbas = sat.prn >= 33 && sat.prn <= 64;
-    char entry[160];
-    std::snprintf(entry, sizeof entry,
-                  "{\"PRN\":%d,\"el\":%d.0,\"az\":%d.0,\"ss\":%d.0,\"used\":%s,\"gnssid\":%d,\"svid\":%d}", sat.prn,
-                  sat.elevationDeg, sat.azimuthDeg, sat.signalDbHz, sat.used ? "true" : "false", sbas ? 1 : 0,
-                  sbas ? sat.prn + 87 : sat.prn);
-    list += entry;
+    const auto [gnssid, svid] = GnssOf(sat.prn);
+    list += "{\"PRN\":" + std::to_string(sat.prn);
+    // What the receiver did not report is left out, never filled in.
+    for (const auto& [key, value] : {std::pair{"el", sat.elevationDeg}, {"az", sat.azimuthDeg}, {"ss", sat.signalDbHz}})
+      if (value) list += std::string(",\"") + key + "\":" + std::to_string(*value) + ".0";
+    list += std::string(",\"used\":") + (sat.used ? "true" : "false") + ",\"gnssid\":" + std::to_string(gnssid) +
+            ",\"svid\":" + std::to_string(svid) + "}";
   }
   o.raw("satellites", list + "]");
   return o.object();
@@ -271,12 +282,19 @@ std::string SkyObject(const std::string& path, const SkyView& sky, std::optional
   return Sky(path, sky, timeMs) + "\r\n";
 }
 
-std::string PollObject(const std::string& path, const RecordView& view, int64_t nowMs, bool active) {
+PollReports PollContent(const std::string& path, const RecordView& view, bool active) {
+  return {active ? "[" + Tpv(path, view.fix) + "]" : "[]",
+          active && view.sky.satViewTick != 0 ? "[" + Sky(path, view.sky, view.fix.utcMs) + "]" : "[]"};
+}
+
+std::string PollObject(const PollReports& reports, int64_t nowMs, bool active) {
   ObjectWriter o("POLL");
   o.text("time", IsoTime(nowMs)).integer("active", active ? 1 : 0);
-  o.raw("tpv", active ? "[" + Tpv(path, view.fix) + "]" : "[]");
-  o.raw("sky", active && view.sky.satViewTick != 0 ? "[" + Sky(path, view.sky, view.fix.utcMs) + "]" : "[]");
-  return o.line();
+  return o.raw("tpv", reports.tpv).raw("sky", reports.sky).line();
+}
+
+std::string PollObject(const std::string& path, const RecordView& view, int64_t nowMs, bool active) {
+  return PollObject(PollContent(path, view, active), nowMs, active);
 }
 
 std::string ErrorObject(std::string_view message) {

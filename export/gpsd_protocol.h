@@ -76,6 +76,13 @@ std::string DevicesObject(const DeviceDescription& device, const DeviceView& vie
 std::string TpvObject(const std::string& path, const FixView& fix);
 std::string SkyObject(const std::string& path, const SkyView& sky, std::optional<int64_t> timeMs);
 std::string PollObject(const std::string& path, const RecordView& view, int64_t nowMs, bool active);
+// The same in two steps: the TPV and SKY arrays of a POLL, which change only
+// with the record, then the object around them.
+struct PollReports {
+  std::string tpv, sky;
+};
+PollReports PollContent(const std::string& path, const RecordView& view, bool active);
+std::string PollObject(const PollReports& reports, int64_t nowMs, bool active);
 std::string ErrorObject(std::string_view message);
 
 // "2026-11-23T12:00:00.000Z"

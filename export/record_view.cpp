@@ -86,6 +86,49 @@ std::optional<PvtTime> ReadPvtTime(const uint8_t* p) {
   return t;
 }
 
+// u-blox svid to the numbers NMEA and gpsd use; 0 for an empty channel.
+int NmeaNumberOfUbxSvid(uint8_t svid) {
+  if (svid >= 1 && svid <= 32) return svid;                     // GPS
+  if (svid >= 120 && svid <= 151) return svid - 87;             // SBAS
+  if (svid >= 65 && svid <= 96) return svid;                    // GLONASS
+  if (svid >= 193 && svid <= 200) return svid;                  // QZSS
+  if (svid >= 211 && svid <= 246) return svid - 211 + 301;      // Galileo
+  if (svid >= 159 && svid <= 163) return svid - 159 + 201;      // BeiDou 1-5
+  if (svid >= 33 && svid <= 64) return svid - 33 + 206;         // BeiDou 6-37
+  return 0;
+}
+
+// NAV-TIMELS is current for ten minutes: a receiver sends it seldom.
+constexpr uint32_t kTimelsCurrentTicks = 60000;
+
+LeapView ReadLeap(const gps_private_info_t& r, uint32_t now, const std::optional<PvtTime>& pvt) {
+  LeapView leap;
+  if (r.nav_timels_tick != 0 && now - r.nav_timels_tick <= kTimelsCurrentTicks) {
+    const uint8_t* p = r.nav_timels;
+    const uint8_t valid = p[23];
+    // Source 0 is the firmware's built-in count, which may be out of date.
+    if ((valid & 0x01) && p[8] != 0 && p[8] != 255) leap.seconds = static_cast<int8_t>(p[9]);
+    const int8_t change = static_cast<int8_t>(p[11]);
+    const int32_t toEvent = I32(p, 12);
+    // The change applies at the end of a UTC day; announced for this one when
+    // it is at most a day away.
+    if ((valid & 0x02) && change != 0 && toEvent > 0 && toEvent <= 86400) leap.change = change > 0 ? 1 : 2;
+  }
+  if (!leap.seconds && pvt && pvt->valid && pvt->confirmed) {
+    // GPS time of week against the receiver's UTC time of week.
+    const int64_t itowMs = U32(r.nav_pvt, 0);
+    const int64_t utcMs = pvt->utcMs;
+    const int64_t day = (utcMs >= 0 ? utcMs : utcMs - 86399999) / 86400000;
+    const int64_t weekday = ((day + 4) % 7 + 7) % 7;  // 1970-01-01 was a Thursday; Sunday 0
+    const int64_t utcWeekMs = weekday * 86400000 + (utcMs - day * 86400000);
+    constexpr int64_t kWeekMs = 7LL * 86400000;
+    const int64_t differenceMs = ((itowMs - utcWeekMs) % kWeekMs + kWeekMs) % kWeekMs;
+    const int64_t seconds = (differenceMs + 500) / 1000;
+    if (seconds < 128 && std::llabs(differenceMs - seconds * 1000) < 100) leap.seconds = static_cast<int>(seconds);
+  }
+  return leap;
+}
+
 }  // namespace
 
 std::optional<double> NmeaAngleDegrees(const char* text) {
@@ -148,28 +191,61 @@ RecordView ConvertRecord(const gps_private_info_t& r, uint32_t now, uint32_t aft
   }
 
   SkyView& s = v.sky;
-  s.satViewTick = r.sat_view_tick;
+  // A report is current for two fix periods (at least the fix validity): a
+  // receiver in power save reports seldom.
   const uint32_t periodTicks = r.fix_update_period_ms / 10 > 100 ? r.fix_update_period_ms / 10 : 100;
-  for (const auto* table : {r.sat_prn_1_32, r.sat_prn_33_64}) {
-    for (int i = 0; i < 32; ++i) {
-      const gps_satellite_t& sat = table[i];
-      // Satellites of the latest groups; older ticks are ones that left the sky.
-      if (sat.prn == 0 || r.sat_view_tick == 0 || r.sat_view_tick - sat.tick >= periodTicks) continue;
-      SatelliteView out{static_cast<int>(sat.prn), static_cast<int>(sat.elevation), static_cast<int>(sat.azimuth),
-                        static_cast<int>(sat.snr), false};
-      if (gsaCurrent) {
-        const uint32_t used = r.gsa_used_count < GPS_GSA_USED_CAPACITY ? r.gsa_used_count : GPS_GSA_USED_CAPACITY;
-        for (uint32_t u = 0; u < used; ++u) out.used = out.used || r.gsa_used_prn[u] == sat.prn;
+  const uint32_t currentTicks = 2 * periodTicks > GPS_FIX_VALIDITY_TICKS ? 2 * periodTicks : GPS_FIX_VALIDITY_TICKS;
+  const auto current = [&](uint32_t tick) { return tick != 0 && now - tick <= currentTicks; };
+  const uint32_t usedCount = gsaCurrent ? (r.gsa_used_count < GPS_GSA_USED_CAPACITY ? r.gsa_used_count
+                                                                                     : GPS_GSA_USED_CAPACITY)
+                                        : 0;
+  const auto usedInGsa = [&](int prn) {
+    for (uint32_t u = 0; u < usedCount; ++u)
+      if (static_cast<int>(r.gsa_used_prn[u]) == prn) return true;
+    return false;
+  };
+  if (current(r.sat_view_tick)) {
+    s.satViewTick = r.sat_view_tick;
+    for (const auto* table : {r.sat_prn_1_32, r.sat_prn_33_64}) {
+      for (int i = 0; i < 32; ++i) {
+        const gps_satellite_t& sat = table[i];
+        // Satellites of the latest groups; older ticks are ones that left the sky.
+        if (sat.prn == 0 || r.sat_view_tick - sat.tick >= periodTicks) continue;
+        const int prn = static_cast<int>(sat.prn);
+        s.satellites.push_back({prn, static_cast<int>(sat.elevation), static_cast<int>(sat.azimuth),
+                                static_cast<int>(sat.snr), usedInGsa(prn)});
       }
-      s.usedCount += out.used ? 1 : 0;
+    }
+  } else if (current(r.nav_svinfo_tick)) {
+    s.satViewTick = r.nav_svinfo_tick;
+    const uint32_t channels = r.nav_svinfo[4] < GPS_NAV_SVINFO_CHANNELS ? r.nav_svinfo[4] : GPS_NAV_SVINFO_CHANNELS;
+    for (uint32_t c = 0; c < channels; ++c) {
+      const uint8_t* ch = r.nav_svinfo + 8 + 12 * c;
+      const int prn = NmeaNumberOfUbxSvid(ch[1]);
+      if (prn == 0) continue;
+      SatelliteView out{prn, std::nullopt, std::nullopt, std::nullopt, (ch[2] & 0x01) != 0};
+      if (ch[2] & 0x04) {  // orbitAvail: elevation and azimuth are known
+        out.elevationDeg = static_cast<int8_t>(ch[5]);
+        out.azimuthDeg = static_cast<int16_t>(U16(ch, 6));
+      }
+      if (ch[4] != 0) out.signalDbHz = ch[4];
       s.satellites.push_back(out);
     }
+  } else if (usedCount != 0) {
+    // Only the used list is known: the satellites without position or signal.
+    s.satViewTick = r.gsa_tick;
+    for (uint32_t u = 0; u < usedCount; ++u)
+      if (r.gsa_used_prn[u] != 0) s.satellites.push_back({static_cast<int>(r.gsa_used_prn[u]), {}, {}, {}, true});
   }
+  for (const SatelliteView& sat : s.satellites) s.usedCount += sat.used ? 1 : 0;
   s.hdop = Number(r.hdop);
   if (gsaCurrent) {
     s.vdop = Number(r.vdop);
     s.pdop = Number(r.pdop);
   }
+
+  v.leap = ReadLeap(r, now, v.pvtTime);
+  f.leapSeconds = v.leap.seconds;
 
   DeviceView& d = v.device;
   d.ubx = (r.module_type == GPS_MODULE_TYPE_UBX_G7020 || r.module_type == GPS_MODULE_TYPE_UBX_M8030) &&

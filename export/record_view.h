@@ -11,11 +11,11 @@
 
 namespace gps::exporter {
 
+// A satellite as the receiver reported it: what it did not report stays
+// absent (a satellite known only from GSA's used list has no position).
 struct SatelliteView {
-  int prn = 0;
-  int elevationDeg = 0;
-  int azimuthDeg = 0;
-  int signalDbHz = 0;
+  int prn = 0;  // NMEA numbering: 1-32 GPS, 33-64 SBAS, 65-96 GLONASS, gpsd's above
+  std::optional<int> elevationDeg, azimuthDeg, signalDbHz;
   bool used = false;
 };
 
@@ -29,10 +29,13 @@ struct FixView {
   std::optional<double> altitudeMslM, altitudeHaeM, geoidSeparationM;
   std::optional<double> speedMps, trackDeg, climbMps;
   std::optional<double> horizontalErrorM, verticalErrorM;
+  std::optional<int> leapSeconds;  // GPS time minus UTC [s], when the receiver tells
 };
 
 struct SkyView {
-  uint32_t satViewTick = 0;  // 0: no complete GSV group yet
+  // Tick of the report the satellites come from (a complete GSV group, else
+  // NAV-SVINFO, else GSA); 0: none current.
+  uint32_t satViewTick = 0;
   std::vector<SatelliteView> satellites;
   std::optional<double> hdop, vdop, pdop;
   int usedCount = 0;
@@ -62,8 +65,15 @@ struct LoggedMessage {
   std::string bytes;  // at most GPS_MESSAGE_LOG_BYTES
 };
 
+// Leap seconds as the receiver knows them.
+struct LeapView {
+  std::optional<int> seconds;  // GPS time minus UTC [s]
+  int change = 0;              // before the end of this UTC day: 0 none, 1 one inserted, 2 one deleted
+};
+
 struct RecordView {
   FixView fix;
+  LeapView leap;
   SkyView sky;
   DeviceView device;
   std::optional<PvtTime> pvtTime;

@@ -1,7 +1,10 @@
 #include "param/gps_parameters.h"
 
+#include <pthread.h>
+
 #include <cstdio>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -165,7 +168,98 @@ void CheckRestored(gps_parameters_t& p) {
   }
 }
 
+// Deferred writes. Every write of the file, deferred or not, takes a
+// generation number when its content is taken and happens under g_fileLock;
+// a write whose generation is older than the last written one is skipped, so
+// a deferred copy never overwrites a newer setting saved directly.
+pthread_mutex_t g_fileLock = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t g_pendingLock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_pendingChanged = PTHREAD_COND_INITIALIZER;
+gps_parameters_t g_pending;         // under g_pendingLock
+bool g_hasPending = false;          // under g_pendingLock
+bool g_writing = false;             // under g_pendingLock: a copy taken, not yet written
+bool g_writerStarted = false;       // under g_pendingLock
+bool g_closed = false;              // under g_pendingLock: the process is exiting
+uint64_t g_generation = 0;          // under g_pendingLock
+uint64_t g_pendingGeneration = 0;   // under g_pendingLock
+uint64_t g_writtenGeneration = 0;   // under g_fileLock
+
+int WriteGeneration(const gps_parameters_t* source, uint64_t generation) {
+  pthread_mutex_lock(&g_fileLock);
+  int result = 0;
+  if (generation > g_writtenGeneration) {
+    result = lib_GPS_param_UpdateParametersFile(source);
+    g_writtenGeneration = generation;
+  }
+  pthread_mutex_unlock(&g_fileLock);
+  return result;
+}
+
+void* ParametersWriter(void*) {
+  gps_parameters_t copy;
+  pthread_mutex_lock(&g_pendingLock);
+  for (;;) {
+    while (!g_hasPending) pthread_cond_wait(&g_pendingChanged, &g_pendingLock);
+    std::memcpy(static_cast<void*>(&copy), &g_pending, sizeof copy);
+    const uint64_t generation = g_pendingGeneration;
+    g_hasPending = false;
+    g_writing = true;
+    pthread_mutex_unlock(&g_pendingLock);
+    if (WriteGeneration(&copy, generation) != 0)
+      Sys_log(3, "lib_GPS_param: the last fix could not be written to the parameters file; the previous one stays.");
+    pthread_mutex_lock(&g_pendingLock);
+    g_writing = false;
+    pthread_cond_broadcast(&g_pendingChanged);
+  }
+  return nullptr;
+}
+
+// At exit the last copy is written and the writer stops taking copies:
+// what it uses (the platform root, the log) is destroyed after this runs.
+void CloseParametersWriter(void) {
+  pthread_mutex_lock(&g_pendingLock);
+  while (g_hasPending || g_writing) pthread_cond_wait(&g_pendingChanged, &g_pendingLock);
+  g_closed = true;
+  pthread_mutex_unlock(&g_pendingLock);
+}
+
+// Hands a copy of the record to the writer thread; written on the caller's
+// thread when no writer thread can be started.
+int StoreDeferred(void) {
+  pthread_mutex_lock(&g_pendingLock);
+  if (g_closed) {
+    pthread_mutex_unlock(&g_pendingLock);
+    return 0;
+  }
+  if (!g_writerStarted) {
+    pthread_t thread;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    g_writerStarted = pthread_create(&thread, &attributes, ParametersWriter, nullptr) == 0;
+    pthread_attr_destroy(&attributes);
+    if (g_writerStarted) std::atexit(CloseParametersWriter);
+    if (!g_writerStarted) {
+      pthread_mutex_unlock(&g_pendingLock);
+      return lib_GPS_param_SaveParameters();
+    }
+  }
+  std::memcpy(static_cast<void*>(&g_pending), &gps_parameters, sizeof g_pending);
+  g_pendingGeneration = ++g_generation;
+  g_hasPending = true;
+  pthread_cond_broadcast(&g_pendingChanged);
+  pthread_mutex_unlock(&g_pendingLock);
+  return 0;
+}
+
 }  // namespace
+
+int lib_GPS_param_FlushParameters(void) {
+  pthread_mutex_lock(&g_pendingLock);
+  while (g_hasPending || g_writing) pthread_cond_wait(&g_pendingChanged, &g_pendingLock);
+  pthread_mutex_unlock(&g_pendingLock);
+  return 0;
+}
 
 void lib_GPS_param_BuildDefaultParameters(gps_parameters_t* params) {
   std::memset(params, 0, sizeof *params);
@@ -266,7 +360,12 @@ int lib_GPS_param_UpdateParametersFile(const gps_parameters_t* source) {
   return result;
 }
 
-int lib_GPS_param_SaveParameters(void) { return lib_GPS_param_UpdateParametersFile(&gps_parameters); }
+int lib_GPS_param_SaveParameters(void) {
+  pthread_mutex_lock(&g_pendingLock);
+  const uint64_t generation = ++g_generation;
+  pthread_mutex_unlock(&g_pendingLock);
+  return WriteGeneration(&gps_parameters, generation);
+}
 
 int lib_GPS_param_RestorePersistentStorage(void) {
   Sys_log(7, "lib_GPS_param_RestorePersistentStorage.");
@@ -329,8 +428,7 @@ int lib_GPS_param_RecordLastFixData(const char* date, const char* time, const ch
 
 int lib_GPS_param_StoreLastFixData(void) {
   Sys_log(7, "lib_GPS_param_StoreLastFixData.");
-  lib_GPS_param_SaveParameters();
-  return 0;
+  return StoreDeferred();
 }
 
 int lib_GPS_param_RetrieveLastFixData(char* date, char* time, char* latitude, char* longitude, char* hdop,
@@ -361,8 +459,7 @@ int lib_GPS_param_RecordLastCourseAndSpeedData(const char* courseTrue, const cha
 
 int lib_GPS_param_StoreLastCourseAndSpeedData(void) {
   Sys_log(7, "lib_GPS_param_StoreLastCourseAndSpeedData.");
-  lib_GPS_param_SaveParameters();
-  return 0;
+  return StoreDeferred();
 }
 
 int lib_GPS_param_RetrieveLastCourseAndSpeedData(char* courseTrue, char* courseMagnetic, char* speedKnots,

@@ -75,7 +75,18 @@ int lib_GPS_param_CreateParametersFileIfNecessary(void);
 struct FILE_FS_File* lib_GPS_param_OpenParametersFile(void);
 int lib_GPS_param_ReadParametersFile(gps_parameters_t* destination);
 int lib_GPS_param_UpdateParametersFile(const gps_parameters_t* source);
+// Writes the record now, on the calling thread; a deferred write of an older
+// copy never lands after it.
 int lib_GPS_param_SaveParameters(void);
+// The periodic last-fix writes come from the engine thread with the engine
+// lock held; the write and its fsync take milliseconds (much more on a busy
+// flash), and every reader of the record would wait for them. These two copy
+// the record and hand the copy to a writer thread, which writes it the same
+// crash-safe way (temporary file, fsync, rename). Several stores before the
+// writer gets to them make one write of the latest copy.
+//  lib_GPS_param_FlushParameters waits until the latest stored copy is on
+//  disk (at shutdown; tests that read the file back).
+int lib_GPS_param_FlushParameters(void);
 // Start-up: creates the disk and a default file when there is none, then
 // reads the record and checks it, which departs on purpose from taking the
 // record back byte for byte: the file may have rotted, been truncated or come

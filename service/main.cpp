@@ -20,6 +20,7 @@
 
 #include "engine/gps_thread.h"
 #include "export/exporter.h"
+#include "param/gps_parameters.h"
 #include "platform/gps_resource.h"
 #include "platform/oem.h"
 #include "platform/os.h"
@@ -173,8 +174,12 @@ void Serve(halvorda::service::Service& service, int signals) {
 
 // The engine thread is never stopped, so the process ends without running
 // static destructors under it. Files are whole at any moment (every write is
-// atomic) and log lines are never buffered, so nothing is lost by not waiting.
-[[noreturn]] void Exit(int status) { ::_exit(status); }
+// atomic) and log lines are never buffered; only a last fix handed to the
+// parameters writer is waited for.
+[[noreturn]] void Exit(int status) {
+  lib_GPS_param_FlushParameters();
+  ::_exit(status);
+}
 
 }  // namespace
 

@@ -251,9 +251,32 @@ void analyze_gps_ublox_message_nav_status(gps_private_info_t* infos, const gps_m
   lib_GPS_Unlock();
 }
 
-// B5 62 01 30 ... iTOW numCh(4) globalFlags ... 12 bytes per channel
-void analyze_gps_ublox_message_nav_svinfo(gps_private_info_t*, const gps_message_t* m) {
-  lib_GPS_Trace(7, "SVINFO.numCh=%d", Payload(m).u8(4));
+// B5 62 01 30 ... iTOW numCh(4) globalFlags ... 12 bytes per channel. Kept
+// for the readers of the satellites in view: in expert mode GSV is off and
+// this is the only per-satellite report the receiver sends.
+void analyze_gps_ublox_message_nav_svinfo(gps_private_info_t* infos, const gps_message_t* m) {
+  const Payload p(m);
+  lib_GPS_Trace(7, "SVINFO.numCh=%d", p.u8(4));
+  uint8_t snapshot[sizeof infos->nav_svinfo];
+  p.copy(snapshot, 0, sizeof snapshot);
+  // Channels the payload does not hold read as zeros above; the count says so too.
+  const uint32_t held = p.length() < 8 ? 0 : (p.length() - 8) / 12;
+  if (snapshot[4] > held) snapshot[4] = static_cast<uint8_t>(held);
+  if (snapshot[4] > GPS_NAV_SVINFO_CHANNELS) snapshot[4] = GPS_NAV_SVINFO_CHANNELS;
+  lib_GPS_Lock();
+  infos->nav_svinfo_tick = OS_rtc_GetTickCounter();
+  std::memcpy(infos->nav_svinfo, snapshot, sizeof snapshot);
+  lib_GPS_Unlock();
+}
+
+// B5 62 01 26 18 00 iTOW version ... currLs(9) lsChange(11) timeToLsEvent(12) valid(23)
+void analyze_gps_ublox_message_nav_timels(gps_private_info_t* infos, const gps_message_t* m) {
+  const Payload p(m);
+  if (p.length() < sizeof infos->nav_timels) return;
+  lib_GPS_Lock();
+  infos->nav_timels_tick = OS_rtc_GetTickCounter();
+  p.copy(infos->nav_timels, 0, sizeof infos->nav_timels);
+  lib_GPS_Unlock();
 }
 
 void LogAcknowledgement(const gps_message_t* m, const char* source, bool ack) {
@@ -264,7 +287,7 @@ void LogAcknowledgement(const gps_message_t* m, const char* source, bool ack) {
 
 enum class Handler {
   MonHw, MonVer, MonLlc, CfgMsg, CfgPm2, AidAlpsrv, AckAck, AckNak,
-  NavPvt, NavClock, NavDgps, NavSol, NavStatus, NavSvinfo,
+  NavPvt, NavClock, NavDgps, NavSol, NavStatus, NavSvinfo, NavTimels,
 };
 
 struct Route {
@@ -278,7 +301,7 @@ constexpr Route kRoutes[] = {
     {0x06, 0x01, Handler::CfgMsg},    {0x06, 0x3B, Handler::CfgPm2},    {0x0B, 0x32, Handler::AidAlpsrv},
     {0x05, 0x01, Handler::AckAck},    {0x05, 0x00, Handler::AckNak},    {0x01, 0x07, Handler::NavPvt},
     {0x01, 0x22, Handler::NavClock},  {0x01, 0x31, Handler::NavDgps},   {0x01, 0x06, Handler::NavSol},
-    {0x01, 0x03, Handler::NavStatus}, {0x01, 0x30, Handler::NavSvinfo},
+    {0x01, 0x03, Handler::NavStatus}, {0x01, 0x30, Handler::NavSvinfo}, {0x01, 0x26, Handler::NavTimels},
 };
 
 }  // namespace
@@ -341,6 +364,7 @@ void lib_GPS_ubx_AnalyzeMessage(gps_private_info_t* infos, gps_message_t* messag
       case Handler::NavSol: break;
       case Handler::NavStatus: analyze_gps_ublox_message_nav_status(infos, message); break;
       case Handler::NavSvinfo: analyze_gps_ublox_message_nav_svinfo(infos, message); break;
+      case Handler::NavTimels: analyze_gps_ublox_message_nav_timels(infos, message); break;
     }
     return;
   }

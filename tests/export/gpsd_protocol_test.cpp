@@ -3,13 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "export/chrony_source.h"
 #include "export/gpsd_protocol.h"
 #include "export/record_view.h"
 #include "tests/export/gpsd_schema.h"
+#include "tests/support/message_recorder.h"
 #include "tests/support/test_env.h"
 
 namespace {
@@ -132,7 +135,7 @@ TEST_F(GpsdReports, EpochBecomesTpvAndSky) {
   const auto stale = View();
   EXPECT_EQ(stale.fix.mode, 1);
   EXPECT_FALSE(stale.fix.latitudeDeg);
-  EXPECT_EQ(stale.sky.usedCount, 0);
+  EXPECT_TRUE(stale.sky.satellites.empty()) << "an old GSV group is no sky";
 }
 
 TEST_F(GpsdReports, NoFixAndTwoDimensionalFix) {
@@ -182,6 +185,79 @@ TEST_F(GpsdReports, EveryObjectFollowsTheProtocol) {
   EXPECT_EQ(dev["driver"], "NMEA0183") << "no UBX seen yet";
   EXPECT_EQ(dev["bps"], 9600);
   EXPECT_EQ(dev["activated"], "2023-11-14T22:13:20.000Z");
+}
+
+// A configured receiver sends no GSV: SKY lists the satellites GSA names as
+// used, with nothing invented about them, or in expert mode those of
+// NAV-SVINFO. Its leap second count and an announced leap second reach TPV
+// and the chrony sample.
+TEST_F(GpsdReports, ConfiguredReceiversSkyAndLeapSecond) {
+  gps::test::FeedReceiver(
+      "$GNRMC,120000.00,A,4807.038,N,01131.000,E,0.0,,231126,,,A*00\r\n"
+      "$GNGGA,120000.00,4807.038,N,01131.000,E,1,04,2.0,545.4,M,46.9,M,,*47\r\n"
+      "$GNGSA,A,3,07,30,,,,,,,,,,,3.0,2.0,2.2*00\r\n$GNGSA,A,3,70,,,,,,,,,,,,3.0,2.0,2.2*00\r\n");
+  auto sky = nlohmann::json::parse(gps::exporter::SkyObject("sim", View().sky, std::nullopt));
+  EXPECT_EQ(gps::test::SchemaProblems(sky), "") << sky.dump();
+  EXPECT_EQ(sky["satellites"], nlohmann::json::parse(
+            R"([{"PRN":7,"used":true,"gnssid":0,"svid":7},{"PRN":30,"used":true,"gnssid":0,"svid":30},)"
+            R"({"PRN":70,"used":true,"gnssid":6,"svid":6}])"));
+
+  // NAV-SVINFO: channel, svid, flags (1 used, 4 orbit known), quality, cno, elev, azim (2 bytes), prRes.
+  const auto channel = [](int svid, int flags, int cno, int elev, int azim) {
+    return std::string{0, static_cast<char>(svid), static_cast<char>(flags), 4, static_cast<char>(cno),
+                       static_cast<char>(elev), static_cast<char>(azim & 0xFF), static_cast<char>(azim >> 8)} +
+           std::string(4, '\0');
+  };
+  gps::test::FeedReceiver(gps::test::UbxFrame(
+      0x01, 0x30, std::string{0, 0, 0, 0, 5, 0, 0, 0} + channel(7, 5, 41, 33, 301) + channel(120, 0, 0, 0, 0) +
+                      channel(0, 0, 0, 0, 0) + channel(1, 0, 0, 0, 0) + channel(151, 0, 0, 0, 0)));
+  sky = nlohmann::json::parse(gps::exporter::SkyObject("sim", View().sky, std::nullopt));
+  EXPECT_EQ(sky["satellites"], nlohmann::json::parse(
+            R"([{"PRN":7,"el":33.0,"az":301.0,"ss":41.0,"used":true,"gnssid":0,"svid":7},)"
+            R"({"PRN":33,"used":false,"gnssid":1,"svid":120},{"PRN":1,"used":false,"gnssid":0,"svid":1},)"
+            R"({"PRN":64,"used":false,"gnssid":1,"svid":151}])"));
+  EXPECT_EQ(sky["uSat"], 1);
+
+  const auto pvt = nlohmann::json::parse(gps::exporter::TpvObject("sim", View().fix));
+  EXPECT_FALSE(pvt.contains("leapseconds")) << "the receiver has said nothing of leap seconds";
+  // NAV-PVT of 2026-11-23 (a Monday) 12:00:00 UTC, time valid and resolved, at
+  // GPS time of week Monday 12:00:18: 18 leap seconds.
+  std::string navPvt(92, '\0');
+  const uint32_t itow = (86400 + 43200 + 18) * 1000u;
+  std::memcpy(&navPvt[0], &itow, 4);
+  navPvt[4] = static_cast<char>(2026 & 0xFF);
+  navPvt[5] = static_cast<char>(2026 >> 8);
+  navPvt[6] = 11, navPvt[7] = 23, navPvt[8] = 12, navPvt[11] = 0x07, navPvt[20] = 3;
+  gps::test::FeedReceiver(gps::test::UbxFrame(0x01, 0x07, navPvt));
+  EXPECT_EQ(View().fix.leapSeconds, 18);
+
+  struct Case {
+    const char* legend;
+    int8_t change;
+    int32_t secondsToEvent;
+    uint8_t valid;
+    int announced;  // the sample's leap field
+  };
+  const Case cases[] = {
+      {"one inserted tonight", 1, 3600, 3, 1},
+      {"one deleted tonight", -1, 3600, 3, 2},
+      {"one inserted in two days", 1, 2 * 86400, 3, 0},
+      {"the time to the event is not valid", 1, 3600, 1, 0},
+  };
+  for (const Case& c : cases) {
+    // NAV-TIMELS: iTOW, version, 3 reserved, srcOfCurrLs, currLs, srcOfLsChange, lsChange, timeToLsEvent, ..., valid.
+    std::string timels(24, '\0');
+    timels[8] = 2, timels[9] = 19, timels[10] = 2, timels[11] = static_cast<char>(c.change);
+    std::memcpy(&timels[12], &c.secondsToEvent, 4);
+    timels[23] = static_cast<char>(c.valid);
+    gps::test::FeedReceiver(gps::test::UbxFrame(0x01, 0x26, timels));
+    const auto view = View();
+    EXPECT_EQ(nlohmann::json::parse(gps::exporter::TpvObject("sim", view.fix))["leapseconds"], 19)
+        << c.legend << ": the receiver's own count comes first";
+    const auto sample = gps::exporter::MakeSample(view, 1795435200'000000000);
+    ASSERT_TRUE(sample) << c.legend;
+    EXPECT_EQ(sample->leap, c.announced) << c.legend;
+  }
 }
 
 // A coordinate the receiver garbled gives no position rather than a wrong one.

@@ -41,7 +41,8 @@ inline const std::map<std::string, std::vector<FieldRule>>& GpsdSchema() {
         {"time", T::String, false}, {"lat", T::Number, false}, {"lon", T::Number, false},
         {"altHAE", T::Number, false}, {"altMSL", T::Number, false}, {"alt", T::Number, false},
         {"geoidSep", T::Number, false}, {"eph", T::Number, false}, {"epv", T::Number, false},
-        {"track", T::Number, false}, {"speed", T::Number, false}, {"climb", T::Number, false}}},
+        {"track", T::Number, false}, {"speed", T::Number, false}, {"climb", T::Number, false},
+        {"leapseconds", T::Integer, false}}},
       {"SKY",
        {{"device", T::String, false}, {"time", T::String, false}, {"hdop", T::Number, false},
         {"vdop", T::Number, false}, {"pdop", T::Number, false}, {"nSat", T::Integer, false},
@@ -106,8 +107,9 @@ inline std::string SchemaProblems(const nlohmann::json& object) {
   }
   if (cls == "SKY" && object.contains("satellites") && object["satellites"].is_array()) {
     for (const auto& sat : object["satellites"]) {
-      for (const char* key : {"PRN", "el", "az", "ss"})
-        if (!sat.contains(key) || !sat[key].is_number()) problems += std::string("SKY satellite ") + key + " missing; ";
+      if (!sat.contains("PRN") || !sat["PRN"].is_number()) problems += "SKY satellite PRN missing; ";
+      for (const char* key : {"el", "az", "ss"})  // absent when the receiver did not report them
+        if (sat.contains(key) && !sat[key].is_number()) problems += std::string("SKY satellite ") + key + " not a number; ";
       if (!sat.contains("used") || !sat["used"].is_boolean()) problems += "SKY satellite used missing; ";
     }
   }

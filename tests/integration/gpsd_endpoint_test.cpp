@@ -6,8 +6,13 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <pwd.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <cmath>
 #include <cstdio>
@@ -66,6 +71,18 @@ int ConnectTcp(int port) {
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int ConnectUnix(const std::string& path) {
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.c_str(), std::min(path.size(), sizeof address.sun_path - 1));
   if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     ::close(fd);
     return -1;
@@ -146,7 +163,7 @@ class GpsdEndpoint : public testing::Test {
 // gpspipe -w shows TPV with a 3D fix at the position of the simulator's own
 // GGA of the same second, and SKY with satellites; every object follows the
 // protocol.
-TEST_F(GpsdEndpoint, GpspipeShowsTheSimulatorsFix) {
+TEST_F(GpsdEndpoint, GpspipeShowsTheSimulatorsFixAndSky) {
   RequireProgram("/usr/bin/gpspipe", "gpsd-clients");
   std::string raw;
   std::thread rawReader([&] { raw = Shell("gpspipe -r -n 60 " + Address(), 10); });
@@ -159,7 +176,7 @@ TEST_F(GpsdEndpoint, GpspipeShowsTheSimulatorsFix) {
     if (f.size() > 6 && f[0].size() == 6 && f[0].substr(3) == "GGA" && f[6] != "0")
       ggaByTime[f[1].substr(0, 6)] = {NmeaDegrees(f[2], f[3]), NmeaDegrees(f[4], f[5])};
   }
-  int fixes = 0, objects = 0;
+  int fixes = 0, skies = 0, objects = 0;
   for (const std::string& line : Split(json, '\n')) {
     const auto object = nlohmann::json::parse(line, nullptr, false);
     ASSERT_FALSE(object.is_discarded()) << "not JSON: " << line << "\n" << json;
@@ -175,9 +192,11 @@ TEST_F(GpsdEndpoint, GpspipeShowsTheSimulatorsFix) {
       EXPECT_NEAR(object["lat"].get<double>(), gga->second.first, 1e-6) << line;
       EXPECT_NEAR(object["lon"].get<double>(), gga->second.second, 1e-6) << line;
     }
+    if (object["class"] == "SKY" && object["satellites"].size() > 0) ++skies;
   }
   EXPECT_EQ(objects, 12) << json;
   EXPECT_GE(fixes, 1) << json;
+  EXPECT_GE(skies, 1) << "the configured receiver sends no GSV; its satellites come from GSA\n" << json;
 }
 
 TEST_F(GpsdEndpoint, Python3GpsModuleReadsAFix) {
@@ -308,12 +327,8 @@ TEST_F(GpsdEndpoint, MalformedCommandsAndIdleCrowdLeaveTheServiceServing) {
   ::close(fd);
   for (const int i : idle) ::close(i);
 
-  const int unixFd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string path = root_ / "run/gpsd.sock";
-  std::memcpy(address.sun_path, path.c_str(), path.size());
-  ASSERT_EQ(::connect(unixFd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << path;
+  const int unixFd = ConnectUnix(root_ / "run/gpsd.sock");
+  ASSERT_GE(unixFd, 0);
   const std::string poll = "?POLL;\n";
   EXPECT_TRUE(IsClass(ReadUntil(unixFd, [](const std::string&) { return true; }), "VERSION"));
   ::send(unixFd, poll.data(), poll.size(), MSG_NOSIGNAL);
@@ -324,14 +339,57 @@ TEST_F(GpsdEndpoint, MalformedCommandsAndIdleCrowdLeaveTheServiceServing) {
   EXPECT_NE(ServiceLog().find("gpsd endpoint: listening on"), std::string::npos) << ServiceLog();
 }
 
+// An ordinary user holds at most its share of the endpoint, counted by uid
+// over loopback TCP and the Unix socket together; root still gets in.
+TEST_F(GpsdEndpoint, OneUsersCrowdLeavesOthersServed) {
+  const passwd* nobody = getpwnam("nobody");
+  if (geteuid() != 0 || !nobody) GTEST_SKIP() << "needs root to run a client under another user";
+  ASSERT_EQ(chmod(root_.path().c_str(), 0755), 0);
+  ASSERT_EQ(chmod((root_ / "run").c_str(), 0755), 0);
+  int report[2];
+  ASSERT_EQ(pipe(report), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0) _exit(10);
+    int admitted = 0;
+    for (int i = 0; i < 80; ++i) {
+      const int fd = i % 2 ? ConnectTcp(port_) : ConnectUnix(root_ / "run/gpsd.sock");
+      // An admitted connection is greeted; a refused one is closed at once.
+      if (fd >= 0 && IsClass(ReadUntil(fd, [](const std::string&) { return true; }), "VERSION")) ++admitted;
+    }
+    [[maybe_unused]] ssize_t written = write(report[1], &admitted, sizeof admitted);
+    pause();  // holds its connections until killed
+    _exit(0);
+  }
+  int admitted = -1;
+  EXPECT_EQ(read(report[0], &admitted, sizeof admitted), static_cast<ssize_t>(sizeof admitted));
+  EXPECT_EQ(admitted, 64);
+  for (const int fd : {ConnectTcp(port_), ConnectUnix(root_ / "run/gpsd.sock")}) {
+    EXPECT_TRUE(IsClass(ReadUntil(fd, [](const std::string&) { return true; }), "VERSION"));
+    ::close(fd);
+  }
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  ::close(report[0]);
+  ::close(report[1]);
+  const std::string log = ServiceLog();
+  EXPECT_NE(log.find("uid " + std::to_string(nobody->pw_uid) + " holds 64 connections"), std::string::npos) << log;
+}
+
 }  // namespace
 
 namespace {
 
-// gps-servicectl's time view, read from the endpoint. (Its sky view needs
-// satellites in view, which the engine learns only from GSV; the receiver's
-// configuration switches GSV off, so a running receiver has none to show.)
-TEST_F(GpsdEndpoint, ServicectlTime) {
+// gps-servicectl's sky and time views, read from the endpoint. The configured
+// receiver sends no GSV: the satellites are those GSA lists as used.
+TEST_F(GpsdEndpoint, ServicectlSkyAndTime) {
+  ASSERT_TRUE(WaitFor([&] { return Shell(std::string(SERVICECTL_BINARY) + " sky", 5).find(" yes\n") != std::string::npos; }));
+  const std::string sky = Shell(std::string(SERVICECTL_BINARY) + " sky", 5);
+  int inView = 0, used = 0;
+  ASSERT_EQ(std::sscanf(sky.c_str(), "Satellites in view: %d, used: %d", &inView, &used), 2) << sky;
+  EXPECT_GT(used, 0) << sky;
+  EXPECT_LE(used, inView) << sky;
+
   const double simulatorOffset = SimulatorOffsetS(port_);
   const std::string time = Shell(std::string(SERVICECTL_BINARY) + " time", 10);
   const size_t at = time.find("Difference:");

@@ -29,6 +29,7 @@ class NmeaParserTest : public testing::Test {
 
   // The last-fix latitude as stored in the parameters file on disk.
   std::string StoredLatitude() const {
+    lib_GPS_param_FlushParameters();
     std::ifstream in(root_ / "fs/GPS/gps_param.cfg", std::ios::binary);
     std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (bytes.size() < 1104) return "<short file>";

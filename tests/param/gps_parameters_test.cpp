@@ -183,7 +183,7 @@ TEST_F(ParamFile, SettersSaveWhenTheyChangeSomethingLastDataOnlyWhenStored) {
          return lib_GPS_param_RecordLastFixData(last[0], last[1], last[2], last[3], last[4], last[5]) +
                 lib_GPS_param_RecordLastCourseAndSpeedData(last[6], last[7], last[8], last[9]);
        }, 0, false},
-      {"storing it saves", [] { return lib_GPS_param_StoreLastFixData(); }, 0, true},
+      {"storing it saves", [] { return lib_GPS_param_StoreLastFixData() + lib_GPS_param_FlushParameters(); }, 0, true},
   };
   ASSERT_EQ(lib_GPS_param_RestorePersistentStorage(), 0);
   for (const Case& c : cases) {
