@@ -450,7 +450,8 @@ TEST_F(GpsService, SpecialFilesInPlaceOfItsFilesNeitherBlockNorSpin) {
         continue;
       }
       if (c.when == When::BeforeStart) replace();
-      ASSERT_NO_FATAL_FAILURE(Start());
+      Start();
+      if (!client_) continue;  // failed above; the other cases still run
       if (c.when == When::WhileRunning) {
         replace();
         if (c.file == ini) service_->Signal(SIGHUP);
