@@ -2,10 +2,13 @@
 
 #include <cstring>
 #include <new>
+#include <optional>
+#include <string>
 
 #include "engine/gps_device.h"
 #include "platform/clock.h"
 #include "platform/fs.h"
+#include "platform/root.h"
 #include "transport/gps_trace.h"
 #include "ubx/ubx_codec.h"
 #include "ubx/ubx_config.h"
@@ -24,17 +27,31 @@ void MountHost() {
   FILE_FS_mount("/HOST", &mode);
 }
 
-// Reads a whole file into a new buffer of its size; nullptr on any failure.
-// Files above ASSISTNOW_MAX_FILE_BYTES (8 MiB, far above any real ALP or EPH
-// file) are refused, so a damaged or foreign file cannot take the memory.
-uint8_t* ReadWholeFile(FILE_FS_HANDLE file, uint32_t size) {
-  if (size == 0 || size > ASSISTNOW_MAX_FILE_BYTES) return nullptr;
-  auto* data = new (std::nothrow) uint8_t[size];
-  if (!data) return nullptr;
-  if (FILE_FS_read(data, 1, size, file) != size) {
-    delete[] data;
-    return nullptr;
+// An assistance file whole, through the platform's bounded read: a FIFO or a
+// device in its place is refused at once, and files above
+// ASSISTNOW_MAX_FILE_BYTES (8 MiB, far above any real ALP or EPH file) are
+// refused so that a damaged or foreign file cannot take the memory. Nothing
+// when the file is missing or refused (the refusal is logged).
+std::optional<std::string> ReadAssistanceFile(const char* path) {
+  const auto real = gps::platform::DiskPath(path);
+  if (!real) return std::nullopt;
+  std::string content;
+  std::string problem;
+  switch (gps::platform::ReadWholeFile(*real, ASSISTNOW_MAX_FILE_BYTES, content, nullptr, &problem)) {
+    case gps::platform::ReadStatus::Ok: return content;
+    case gps::platform::ReadStatus::Missing: return std::nullopt;
+    case gps::platform::ReadStatus::TooLarge:
+    case gps::platform::ReadStatus::Failed: break;
   }
+  lib_GPS_Trace(3, "AssistNow: %s; the file is not used.", problem.c_str());
+  return std::nullopt;
+}
+
+// The content in a new buffer of its size; nullptr when empty or out of memory.
+uint8_t* CopyOut(const std::string& content) {
+  if (content.empty()) return nullptr;
+  auto* data = new (std::nothrow) uint8_t[content.size()];
+  if (data) std::memcpy(data, content.data(), content.size());
   return data;
 }
 
@@ -94,19 +111,18 @@ void load_eph_file_locked(gps_private_info_t* infos, const char* path) {
                   static_cast<unsigned long>(age));
     if (age >= ASSISTNOW_ONLINE_MAX_AGE_S || entry.size == 0) {
       lib_GPS_Trace(7, "EPHEMERAL too OLD");
-    } else if (FILE_FS_HANDLE file = FILE_FS_open(path, "r"); !file) {
+    } else if (const auto content = ReadAssistanceFile(path); !content) {
       lib_GPS_Trace(7, "FS_open() => KO");
     } else {
       lib_GPS_FreeAssistanceData(infos);
-      if (uint8_t* data = ReadWholeFile(file, entry.size)) {
+      if (uint8_t* data = CopyOut(*content)) {
         infos->alp_data = data;
-        infos->alp_size = entry.size;
+        infos->alp_size = static_cast<uint32_t>(content->size());
         infos->alp_file_id = static_cast<uint16_t>(entry.month * 256 + entry.day);
         infos->assistnow = ASSISTNOW_ONLINE;
       } else {
         lib_GPS_Trace(3, "load_eph_file_locked([%s]): cannot read %u bytes.", path, entry.size);
       }
-      FILE_FS_close(file);
     }
   }
   FILE_FS_closedir(listing);
@@ -123,23 +139,19 @@ int load_alp_file_locked(gps_private_info_t* infos, const char* path) {
     return 1;
   }
   MountHost();
-  FILE_FS_HANDLE file = FILE_FS_open(path, "r");
-  if (file) {
+  if (const auto content = ReadAssistanceFile(path)) {
     // An empty file loads as no data: the mode is set and the first block
     // goes out without data bytes, as for any file shorter than that block.
-    const long length = FILE_FS_length(file);
-    uint8_t* data = length > 0 ? ReadWholeFile(file, static_cast<uint32_t>(length)) : nullptr;
-    FILE_FS_close(file);
-    if (data || length == 0) {
+    uint8_t* data = CopyOut(*content);
+    if (data || content->empty()) {
       lib_GPS_FreeAssistanceData(infos);
       infos->alp_data = data;
-      infos->alp_size = static_cast<uint32_t>(length);
+      infos->alp_size = static_cast<uint32_t>(content->size());
       infos->alp_file_id = ASSISTNOW_ALP_FILE_ID;
       infos->assistnow = ASSISTNOW_OFFLINE;
     } else {
       infos->assistnow = ASSISTNOW_NONE;
-      lib_GPS_Trace(3, "load_alp_file_locked([%s]): the file is larger than %u bytes or unreadable.", path,
-                    ASSISTNOW_MAX_FILE_BYTES);
+      lib_GPS_Trace(3, "load_alp_file_locked([%s]): no memory for %zu bytes.", path, content->size());
     }
   } else {
     infos->assistnow = ASSISTNOW_NONE;

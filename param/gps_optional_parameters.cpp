@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "engine/gps_private_info.h"
+#include "platform/fs.h"
 #include "platform/os.h"
 #include "platform/root.h"
 
@@ -25,18 +26,26 @@ void ComposeKey(char (&key)[256], const char* section, const char* name) {
 int lib_GPS_param_InitializeOptionalParameters(void) {
   gps_private_info_t& infos = gps_private_info;
   const auto path = gps::platform::SystemPath(GPS_OPTIONAL_PARAMETERS_FILE);
-  // iniparser reports a missing file itself on stderr; ask first so an absent
-  // file (the usual case) is only the log line below.
-  dictionary* ini = nullptr;
+  gps::platform::IniDictionary parsed;
   if (path) {
-    if (FILE* probe = std::fopen(path->c_str(), "r")) {
-      std::fclose(probe);
-      ini = iniparser_load(path->c_str());
-      if (!ini)
-        Sys_log(3, "lib_GPS_param_InitializeOptionalParameters: %s has a line that is not an INI setting "
-                   "(iniparser named it on stderr); the whole file is ignored.", path->c_str());
+    std::string text;
+    std::string problem;
+    switch (gps::platform::ReadWholeFile(*path, gps::platform::kMaxTextFileBytes, text, nullptr, &problem)) {
+      case gps::platform::ReadStatus::Ok:
+        parsed = gps::platform::ParseIni(text);
+        if (!parsed)
+          Sys_log(3, "lib_GPS_param_InitializeOptionalParameters: %s has a line that is not an INI setting "
+                     "(iniparser gave its number on stderr); the whole file is ignored.", path->c_str());
+        break;
+      case gps::platform::ReadStatus::Missing:
+        break;
+      case gps::platform::ReadStatus::TooLarge:
+      case gps::platform::ReadStatus::Failed:
+        Sys_log(3, "lib_GPS_param_InitializeOptionalParameters: %s; the file is ignored.", problem.c_str());
+        break;
     }
   }
+  dictionary* ini = parsed.get();
   if (ini) {
     Sys_log(4, "lib_GPS_param_InitializeOptionalParameters: parsing parameters file.");
     char key[256];
@@ -51,7 +60,6 @@ int lib_GPS_param_InitializeOptionalParameters(void) {
         static_cast<uint32_t>(iniparser_getint(ini, key, static_cast<int>(GPS_DEFAULT_NMEA_FIX_VALIDITY_S)));
     const char* assistance = iniparser_getstring(ini, "Assistance:assistnow", "NONE");
     infos.assistnow = assistance && std::strcmp(assistance, "ANOF") == 0 ? kAssistNowOffline : 0;
-    iniparser_freedict(ini);
   } else {
     Sys_log(3, "lib_GPS_param_InitializeOptionalParameters: parameters file not found. Setting default parameters.");
     infos.expertModeIsEnabled = 0;

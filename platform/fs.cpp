@@ -11,16 +11,22 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 #include <vector>
 
+extern "C" {
+#include <iniparser.h>
+}
+
 namespace {
 
-// A file open for reading works on its descriptor; a file open for writing
-// works on an in-memory image that is committed whole.
+// An open file works on an in-memory image of the file, read whole at open;
+// a file open for writing commits its image whole.
 struct OpenMode {
   bool read = false;
   bool write = false;
@@ -71,13 +77,115 @@ void SyncDirectory(const std::string& dir) {
 
 std::atomic<unsigned> g_commitSerial{0};
 
+const char* KindOf(mode_t mode) {
+  switch (mode & S_IFMT) {
+    case S_IFIFO: return "a FIFO";
+    case S_IFCHR: return "a character device";
+    case S_IFBLK: return "a block device";
+    case S_IFDIR: return "a directory";
+    case S_IFSOCK: return "a socket";
+    default: return "not a plain file";
+  }
+}
+
+// A refusal met while the daemon runs is logged once, not on every retry.
+void LogRefusal(const std::string& problem) {
+  static std::mutex mutex;
+  static std::string last;
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (problem == last) return;
+  last = problem;
+  Sys_log(3, "FILE_FS: %s; the file is not used.", problem.c_str());
+}
+
 }  // namespace
+
+namespace gps::platform {
+
+ReadStatus ReadWholeFile(const std::string& path, size_t maxBytes, std::string& content, int* error,
+                         std::string* problem) {
+  content.clear();
+  int ignoredError = 0;
+  std::string ignoredProblem;
+  int& failure = error ? *error : ignoredError;
+  std::string& why = problem ? *problem : ignoredProblem;
+  failure = 0;
+  why.clear();
+  // Non-blocking: opening a FIFO without a writer would otherwise wait forever.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) {
+    failure = errno;
+    // A link to nothing is not a missing file: whoever made it meant
+    // something, and nothing may be written over it.
+    struct stat link{};
+    if (failure == ENOENT && ::lstat(path.c_str(), &link) != 0) return ReadStatus::Missing;
+    why = path + (failure == ENOENT ? " is a symbolic link to nothing" : " cannot be read: " + std::string(std::strerror(failure)));
+    return ReadStatus::Failed;
+  }
+  struct stat st{};
+  ReadStatus status = ReadStatus::Ok;
+  if (::fstat(fd, &st) != 0) {
+    failure = errno;
+    why = path + " cannot be read: " + std::strerror(failure);
+    status = ReadStatus::Failed;
+  } else if (!S_ISREG(st.st_mode)) {
+    failure = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    why = path + " is " + KindOf(st.st_mode) + ", not a regular file";
+    status = ReadStatus::Failed;
+  } else if (static_cast<uintmax_t>(st.st_size) > maxBytes) {
+    status = ReadStatus::TooLarge;
+  } else {
+    // The size is checked again while reading: the file may grow, and files
+    // of /proc say 0.
+    char buffer[8192];
+    for (;;) {
+      const ssize_t n = ::read(fd, buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        failure = errno;
+        why = path + " cannot be read: " + std::strerror(failure);
+        status = ReadStatus::Failed;
+        break;
+      }
+      if (n == 0) break;
+      if (content.size() + static_cast<size_t>(n) > maxBytes) {
+        status = ReadStatus::TooLarge;
+        break;
+      }
+      content.append(buffer, static_cast<size_t>(n));
+    }
+  }
+  ::close(fd);
+  if (status == ReadStatus::TooLarge) {
+    failure = EFBIG;
+    why = path + " is larger than " + std::to_string(maxBytes) + " bytes";
+  }
+  if (status != ReadStatus::Ok) content.clear();
+  return status;
+}
+
+void IniDeleter::operator()(_dictionary_* dictionary) const { iniparser_freedict(dictionary); }
+
+IniDictionary ParseIni(std::string_view text) {
+  // iniparser reads only from a named file: the text goes to a memory file,
+  // read back through its /proc name.
+  const int fd = ::memfd_create("ini", MFD_CLOEXEC);
+  if (fd < 0) return nullptr;
+  const bool written = WriteAll(fd, reinterpret_cast<const uint8_t*>(text.data()), text.size());
+  IniDictionary dictionary;
+  if (written) dictionary.reset(iniparser_load(("/proc/self/fd/" + std::to_string(fd)).c_str()));
+  const int savedErrno = errno;
+  ::close(fd);
+  errno = written ? savedErrno : EIO;
+  return dictionary;
+}
+
+}  // namespace gps::platform
 
 struct FILE_FS_File {
   std::string path;
   OpenMode mode;
-  int fd = -1;                   // read-only files
-  std::vector<uint8_t> image;    // writable files
+  std::vector<uint8_t> image;
   size_t position = 0;
   bool dirty = false;
 
@@ -137,55 +245,30 @@ FILE_FS_HANDLE FILE_FS_open(const char* path, const char* mode) {
   auto file = std::make_unique<FILE_FS_File>();
   file->path = *real;
   file->mode = m;
-  if (!m.write) {
-    file->fd = ::open(real->c_str(), O_RDONLY | O_CLOEXEC);
-    if (file->fd < 0) return nullptr;
-    struct stat st{};
-    if (::fstat(file->fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-      ::close(file->fd);
-      return nullptr;
-    }
-    return file.release();
-  }
   // The disk must exist; the file itself is created only for w/a modes.
   struct stat st{};
-  if (::stat(DirectoryOf(*real).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return nullptr;
-  const int fd = ::open(real->c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    if (errno != ENOENT || !m.create) return nullptr;
-    file->dirty = true;  // a new file exists once committed, even if empty
-  } else {
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) > FILE_FS_MAX_WRITABLE_BYTES) {
-      ::close(fd);
+  if (m.write && (::stat(DirectoryOf(*real).c_str(), &st) != 0 || !S_ISDIR(st.st_mode))) return nullptr;
+  std::string content;
+  std::string problem;
+  switch (gps::platform::ReadWholeFile(*real, FILE_FS_MAX_WRITABLE_BYTES, content, nullptr, &problem)) {
+    case gps::platform::ReadStatus::Ok:
+      if (m.truncate) file->dirty = true;
+      else file->image.assign(content.begin(), content.end());
+      break;
+    case gps::platform::ReadStatus::Missing:
+      if (!m.create) return nullptr;
+      file->dirty = true;  // a new file exists once committed, even if empty
+      break;
+    case gps::platform::ReadStatus::TooLarge:
+    case gps::platform::ReadStatus::Failed:
+      LogRefusal(problem);
       return nullptr;
-    }
-    if (!m.truncate) {
-      file->image.resize(static_cast<size_t>(st.st_size));
-      size_t got = 0;
-      while (got < file->image.size()) {
-        const ssize_t n = ::read(fd, file->image.data() + got, file->image.size() - got);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        got += static_cast<size_t>(n);
-      }
-      file->image.resize(got);
-    } else {
-      file->dirty = true;
-    }
-    ::close(fd);
   }
   if (m.append) file->position = file->image.size();
   return file.release();
 }
 
-long FILE_FS_length(FILE_FS_HANDLE file) {
-  if (!file) return -1;
-  if (file->fd >= 0) {
-    struct stat st{};
-    return ::fstat(file->fd, &st) == 0 ? static_cast<long>(st.st_size) : -1;
-  }
-  return static_cast<long>(file->image.size());
-}
+long FILE_FS_length(FILE_FS_HANDLE file) { return file ? static_cast<long>(file->image.size()) : -1; }
 
 long FILE_FS_tell(FILE_FS_HANDLE file) { return file ? static_cast<long>(file->position) : -1; }
 
@@ -210,15 +293,7 @@ size_t FILE_FS_read(void* data, size_t size, size_t count, FILE_FS_HANDLE file) 
   if (count > SIZE_MAX / size) return 0;
   const size_t wanted = size * count;
   size_t got = 0;
-  if (file->fd >= 0) {
-    while (got < wanted) {
-      const ssize_t n = ::pread(file->fd, static_cast<uint8_t*>(data) + got, wanted - got,
-                                static_cast<off_t>(file->position + got));
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      got += static_cast<size_t>(n);
-    }
-  } else if (file->position < file->image.size()) {
+  if (file->position < file->image.size()) {
     got = std::min(wanted, file->image.size() - file->position);
     std::memcpy(data, file->image.data() + file->position, got);
   }
@@ -249,7 +324,6 @@ int FILE_FS_sync(FILE_FS_HANDLE file) {
 int FILE_FS_close(FILE_FS_HANDLE file) {
   if (!file) return -1;
   const int result = file->mode.write ? file->Commit() : 0;
-  if (file->fd >= 0) ::close(file->fd);
   delete file;
   return result;
 }

@@ -6,6 +6,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+struct _dictionary_;  // iniparser's dictionary
 
 // Disk creation descriptor, laid out as the terminal's platform expects it.
 // Only the name is meaningful on Linux; the four values are kept for the
@@ -74,3 +79,35 @@ int FILE_FS_closedir(FILE_FS_DIR_HANDLE dir);
 // Free bytes of the file system holding the root, saturated to INT32_MAX;
 // -1 when it cannot be read.
 int32_t FILE_FS_AreaGetFreeSize(int area);
+
+namespace gps::platform {
+
+// Limit for the daemon's small text files (platform.ini, permissions.ini, the
+// manifest, the stored configuration, the optional parameters).
+inline constexpr size_t kMaxTextFileBytes = 64u * 1024u;
+
+enum class ReadStatus { Ok, Missing, TooLarge, Failed };
+
+// Reads a whole file of at most maxBytes: every file the daemon reads comes
+// through here. The file is opened non-blocking and must be a regular file
+// (a symbolic link to one is followed), so a FIFO, a device or a directory
+// in its place is refused at once instead of blocking or never ending.
+// Missing: no such file. Failed: it could not be opened or read, or is not a
+// regular file; *error then holds the errno (EINVAL for a file that is not
+// regular), which says nothing about the content. *problem, when given,
+// receives a sentence naming the file and what is wrong with it
+// ("/x/platform.ini is a FIFO, not a regular file"); empty for Ok and Missing.
+ReadStatus ReadWholeFile(const std::string& path, size_t maxBytes, std::string& content, int* error = nullptr,
+                         std::string* problem = nullptr);
+
+struct IniDeleter {
+  void operator()(_dictionary_* dictionary) const;
+};
+using IniDictionary = std::unique_ptr<_dictionary_, IniDeleter>;
+
+// iniparser's reading of INI text already read with ReadWholeFile, so that
+// what is parsed is exactly what was checked. nullptr (errno set) when
+// iniparser refuses the text or no memory file can be made for it.
+IniDictionary ParseIni(std::string_view text);
+
+}  // namespace gps::platform

@@ -29,6 +29,7 @@ extern "C" {
 #include <iniparser.h>
 }
 
+#include "platform/fs.h"
 #include "platform/message_align.h"
 #include "platform/os.h"
 #include "platform/root.h"
@@ -99,9 +100,12 @@ gps::sim::EmbeddedOptions SimulatorOptions(const gps::platform::Settings& settin
   options.model = settings.moduleType == 1 ? gps::sim::ReceiverModel::G7020 : gps::sim::ReceiverModel::M8030;
   options.scenarioFile = settings.simScenario;
   const std::string file = IniPath();
-  if (access(file.c_str(), F_OK) != 0) return options;
-  dictionary* ini = iniparser_load(file.c_str());
-  if (!ini) return options;  // the settings loader has already said why
+  std::string text;
+  if (gps::platform::ReadWholeFile(file, gps::platform::kMaxTextFileBytes, text) != gps::platform::ReadStatus::Ok)
+    return options;  // the settings loader has already said why
+  const gps::platform::IniDictionary parsed = gps::platform::ParseIni(text);
+  dictionary* ini = parsed.get();
+  if (!ini) return options;
   const int ttffMs = iniparser_getint(ini, "sim:ttff_ms", static_cast<int>(options.ttffMs));
   if (ttffMs >= 0) {
     options.ttffMs = static_cast<uint32_t>(ttffMs);
@@ -110,7 +114,6 @@ gps::sim::EmbeddedOptions SimulatorOptions(const gps::platform::Settings& settin
   }
   options.antOffPolarity = iniparser_getboolean(ini, "sim:ant_off_polarity", 0) == 1;
   options.alpFile = iniparser_getstring(ini, "sim:alp_file", "");
-  iniparser_freedict(ini);
   return options;
 }
 

@@ -1,4 +1,5 @@
 #include "platform/settings.h"
+#include "platform/fs.h"
 #include "platform/log_state.h"
 #include "platform/root.h"
 
@@ -12,8 +13,6 @@
 #include <mutex>
 #include <string_view>
 #include <vector>
-#include <fcntl.h>
-#include <unistd.h>
 
 extern "C" {
 #include <iniparser.h>
@@ -164,20 +163,6 @@ int ReadInt(dictionary* ini, const char* key, int fallback, int lo, int hi, cons
   return static_cast<int>(value);
 }
 
-// The whole file; false with errno set when it cannot be opened or read.
-bool ReadFile(const std::string& path, std::string& text) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  char buffer[4096];
-  ssize_t n = 0;
-  while ((n = ::read(fd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR))
-    if (n > 0) text.append(buffer, static_cast<size_t>(n));
-  const int error = errno;
-  ::close(fd);
-  errno = error;
-  return n == 0;
-}
-
 // iniparser reports syntax errors on stderr in its own words; the line check
 // before it has already named the file and line.
 int QuietIniparser(const char*, ...) { return 0; }
@@ -186,17 +171,20 @@ Settings Load() {
   Settings s;
   const std::string file = Root() + "/platform.ini";
   std::string text;
-  if (!ReadFile(file, text)) {
-    if (errno == ENOENT) return s;
-    s.unusable = file + " cannot be read: " + std::strerror(errno);
-    return s;
+  std::string refused;
+  switch (ReadWholeFile(file, kMaxTextFileBytes, text, nullptr, &refused)) {
+    case ReadStatus::Ok: break;
+    case ReadStatus::Missing: return s;
+    case ReadStatus::TooLarge:
+    case ReadStatus::Failed: s.unusable = std::move(refused); return s;
   }
   if (std::string problem = CheckLines(file, text); !problem.empty()) {
     s.unusable = std::move(problem);
     return s;
   }
   iniparser_set_error_callback(QuietIniparser);
-  dictionary* ini = iniparser_load(file.c_str());
+  const IniDictionary parsed = ParseIni(text);
+  dictionary* ini = parsed.get();
   if (!ini) {
     s.unusable = file + " cannot be read: " + std::strerror(errno);
     return s;
@@ -223,7 +211,6 @@ Settings Load() {
   s.gpsdSocket = iniparser_getstring(ini, "gpsd:socket", "");
   s.chronySocket = iniparser_getstring(ini, "chrony:socket", "");
   s.maxConnectionsPerUser = ReadInt(ini, "service:max_connections_per_user", s.maxConnectionsPerUser, 1, 65536, file);
-  iniparser_freedict(ini);
   return s;
 }
 

@@ -1,10 +1,10 @@
 #include "platform/ublox_port.h"
+#include "platform/fs.h"
 
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <cstdio>
-#include <fstream>
 #include <system_error>
 
 namespace gps::platform::ublox {
@@ -53,11 +53,11 @@ bool ChecksumOk(std::span<const uint8_t> frame) {
   return ck[0] == frame[frame.size() - 2] && ck[1] == frame[frame.size() - 1];
 }
 
+// The first line of a small sysfs attribute; empty when it cannot be read.
 std::string ReadLine(const fs::path& file) {
-  std::ifstream in(file);
-  std::string line;
-  std::getline(in, line);
-  return line;
+  std::string text;
+  if (gps::platform::ReadWholeFile(file.string(), 4096, text) != gps::platform::ReadStatus::Ok) return {};
+  return text.substr(0, text.find('\n'));
 }
 
 // Whether the sysfs device of tty `name` sits below a USB device with the

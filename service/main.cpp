@@ -17,14 +17,19 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "engine/gps_thread.h"
 #include "export/exporter.h"
+#include "param/gps_optional_parameters.h"
 #include "param/gps_parameters.h"
+#include "platform/fs.h"
 #include "platform/gps_resource.h"
 #include "platform/oem.h"
 #include "platform/os.h"
 #include "platform/root.h"
+#include "platform/service/config_store.h"
+#include "platform/service/file_util.h"
 #include "platform/settings.h"
 #include "service/gps_core.h"
 #include "service/lifecycle.h"
@@ -94,20 +99,40 @@ int TakeInstanceLock(InstanceLock& lock) {
   return ExitStatusForCreate(lock.error());
 }
 
-// The stored configuration must be readable before the service takes it:
-// a file that exists but cannot be read is left alone and the start stops.
-int StoredConfigurationProblem(const std::string& serviceClass) {
-  const std::string path = gps::platform::Root() + "/config/" + serviceClass + ".conf";
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd >= 0) {
-    ::close(fd);
-    return 0;
+// The files the start reads must each be missing or a regular file that can
+// be read: a FIFO would block the start and a device would never end. A file
+// refused is left as it is and the start stops.
+int StartupFileProblem(const std::string& serviceClass) {
+  const std::string root = gps::platform::Root();
+  char parameters[64];
+  std::snprintf(parameters, sizeof parameters, "/%s/%s", GPS_PARAMETERS_DISK, GPS_PARAMETERS_FILE);
+  struct StartupFile {
+    const char* what;
+    std::string path;
+    size_t maxBytes;
+    bool largerIsCorrupt;  // its reader sets a larger file aside and goes on
+  };
+  const StartupFile files[] = {
+      {"the permissions file", root + "/etc/permissions.ini", gps::platform::kMaxTextFileBytes, false},
+      {"the stored configuration", root + "/config/" + serviceClass + ".conf", halvorda::service::kMaxConfigBytes,
+       true},
+      {"the parameters file", gps::platform::DiskPath(parameters).value_or(""), FILE_FS_MAX_WRITABLE_BYTES, false},
+      {"the optional parameters", gps::platform::SystemPath(GPS_OPTIONAL_PARAMETERS_FILE).value_or(""),
+       gps::platform::kMaxTextFileBytes, false},
+  };
+  for (const StartupFile& file : files) {
+    std::string content;
+    std::string problem;
+    int error = 0;
+    const auto status = gps::platform::ReadWholeFile(file.path, file.maxBytes, content, &error, &problem);
+    if (status == gps::platform::ReadStatus::Ok || status == gps::platform::ReadStatus::Missing ||
+        (status == gps::platform::ReadStatus::TooLarge && file.largerIsCorrupt))
+      continue;
+    ProcessLine(3, "gps-service: %s %s; make it a regular file the service's user can read, or remove it (it is "
+                   "left as it is)", file.what, problem.c_str());
+    return ExitStatusForCreate(error) == kExitOsError ? kExitOsError : kExitConfig;
   }
-  const int error = errno;
-  if (error == ENOENT) return 0;
-  ProcessLine(3, "gps-service: the stored configuration %s cannot be read: %s; fix its owner or mode (it is left "
-                 "as it is)", path.c_str(), std::strerror(error));
-  return ExitStatusForCreate(error) == kExitOsError ? kExitOsError : kExitConfig;
+  return 0;
 }
 
 int ServiceProblem(const halvorda::service::Service& service) {
@@ -116,7 +141,7 @@ int ServiceProblem(const halvorda::service::Service& service) {
                 GPS_SERVICE_MANIFEST);
     return kExitConfig;
   }
-  if (const int problem = StoredConfigurationProblem(service.getServiceClass()); problem != 0) return problem;
+  if (const int problem = StartupFileProblem(service.getServiceClass()); problem != 0) return problem;
   if (!service.isListening()) {
     ProcessLine(3, "gps-service: cannot listen on %s (see the lines above); the service does not start",
                 service.getSocketPath().c_str());
@@ -140,6 +165,17 @@ void Reload() {
     GPS_ReloadResourceSettings();
   }
   halvorda::service::NotifySystemd("READY=1");
+}
+
+// Temporary files of writes cut short by a kill or a power cut, in the folders
+// the service writes (the stored configuration, the run folder and its
+// directory, the parameters disk). Only once the instance lock is held: no
+// other instance is writing there now.
+void RemoveLeftovers() {
+  const std::string& root = gps::platform::Root();
+  std::vector<std::string> folders = {root + "/config", root + "/run", halvorda::service::Directory::DefaultPath()};
+  if (const auto disk = gps::platform::DiskPath(std::string("/") + GPS_PARAMETERS_DISK)) folders.push_back(*disk);
+  for (const std::string& folder : folders) halvorda::service::RemoveStaleTemporaryFiles(folder);
 }
 
 // The entry is removed only while it is this process's.
@@ -208,6 +244,7 @@ int main() {
   if (const int problem = DescriptorLimitProblem(); problem != 0) return problem;
   InstanceLock lock;
   if (const int problem = TakeInstanceLock(lock); problem != 0) return problem;
+  RemoveLeftovers();
   const int signals = ::signalfd(-1, &handled, SFD_NONBLOCK | SFD_CLOEXEC);
   if (signals < 0) {
     ProcessLine(3, "gps-service: signalfd: %s", std::strerror(errno));
@@ -239,18 +276,25 @@ int main() {
     const std::string& device = gps::platform::CurrentSettings().device;
     const halvorda::service::DirectoryAttributes attributes{{"receiver", device == "sim" ? "simulated" : device}};
     const halvorda::os::Error registered = directory->add(serviceClass, service.getAddress(), attributes);
-    directory->setReady();
+    if (registered != 0) {
+      ProcessLine(3, "gps-service: cannot register %s in %s: %s", serviceClass.c_str(),
+                  halvorda::service::Directory::DefaultPath().c_str(), halvorda::service::ErrorName(registered));
+      status = kExitCantCreate;
+    } else if (const halvorda::os::Error ready = directory->setReady(); ready != 0) {
+      // systemd would never see the start complete: the start fails, and no
+      // entry of a process that is gone is left for clients to find.
+      directory->remove(serviceClass);
+      ProcessLine(3, "gps-service: cannot announce %s as ready (%s, see the line above); the service does not start",
+                  serviceClass.c_str(), halvorda::service::ErrorName(ready));
+      status = kExitCantCreate;
+    }
     directory->disconnect();
     delete directory;
-    if (registered == 0) {
+    if (status == 0) {
       Sys_log(7, "%s running", serviceClass.c_str());
       Serve(service, signals);
       // Clients stop finding the service before its socket goes with it.
       RemoveEntry(serviceClass);
-    } else {
-      ProcessLine(3, "gps-service: cannot register %s in %s: %s", serviceClass.c_str(),
-                  halvorda::service::Directory::DefaultPath().c_str(), halvorda::service::ErrorName(registered));
-      status = kExitCantCreate;
     }
   }
   Exit(status);

@@ -84,15 +84,15 @@ bool ConfigStore::write(const std::string& text) {
 std::optional<std::string> ConfigStore::readChecked() {
   std::string text;
   int error = 0;
-  const ReadStatus status = ReadWholeFile(path_, kMaxConfigBytes, text, &error);
+  std::string refused;
+  const ReadStatus status = ReadWholeFile(path_, kMaxConfigBytes, text, &error, &refused);
   readErrno_ = 0;
   if (status == ReadStatus::Missing) return std::string();
   if (status == ReadStatus::Failed) {
-    // Nothing is known about the content: the file stays as it is and the
-    // caller keeps what it has.
+    // Nothing is known about the content (a FIFO or a device is not even
+    // read): the file stays as it is and the caller keeps what it has.
     readErrno_ = error;
-    Sys_log(3, "service: cannot read the stored configuration %s: %s; the file is left as it is.", path_.c_str(),
-            error == ELOOP ? "a symbolic link, which is not followed" : std::strerror(error));
+    Sys_log(3, "service: the stored configuration %s; the file is left as it is.", refused.c_str());
     return std::nullopt;
   }
   std::string problem;

@@ -1,10 +1,13 @@
 #include "platform/service/file_util.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <charconv>
 #include <cerrno>
 #include <cstring>
 
@@ -66,45 +69,33 @@ bool WriteFileAtomically(const std::string& path, std::string_view content, mode
   return true;
 }
 
-ReadStatus ReadWholeFile(const std::string& path, size_t maxBytes, std::string& content, int* error) {
-  content.clear();
-  int ignored = 0;
-  int& failure = error ? *error : ignored;
-  failure = 0;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-  if (fd < 0) {
-    failure = errno;
-    return errno == ENOENT ? ReadStatus::Missing : ReadStatus::Failed;
-  }
-  struct stat st{};
-  ReadStatus status = ReadStatus::Ok;
-  if (::fstat(fd, &st) != 0) {
-    failure = errno;
-    status = ReadStatus::Failed;
-  } else if (!S_ISREG(st.st_mode)) {
-    failure = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-    status = ReadStatus::Failed;
-  } else {
-    char buffer[8192];
-    for (;;) {
-      const ssize_t n = ::read(fd, buffer, sizeof buffer);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        failure = errno;
-        status = ReadStatus::Failed;
-        break;
-      }
-      if (n == 0) break;
-      if (content.size() + static_cast<size_t>(n) > maxBytes) {
-        status = ReadStatus::TooLarge;
-        break;
-      }
-      content.append(buffer, static_cast<size_t>(n));
+int RemoveStaleTemporaryFiles(const std::string& directory) {
+  DIR* listing = ::opendir(directory.c_str());
+  if (!listing) return 0;
+  int removed = 0;
+  while (const dirent* item = ::readdir(listing)) {
+    const std::string_view name = item->d_name;
+    const size_t tag = name.rfind(".tmp-");
+    if (tag == std::string_view::npos || tag == 0) continue;
+    // PID-N: two decimal numbers.
+    const std::string_view numbers = name.substr(tag + 5);
+    const size_t dash = numbers.find('-');
+    if (dash == std::string_view::npos || dash == 0 || dash + 1 == numbers.size() ||
+        numbers.find_first_not_of("0123456789-") != std::string_view::npos ||
+        numbers.find('-', dash + 1) != std::string_view::npos)
+      continue;
+    pid_t writer = 0;
+    const auto [end, ec] = std::from_chars(numbers.data(), numbers.data() + dash, writer);
+    if (ec != std::errc() || end != numbers.data() + dash || writer <= 0) continue;
+    if (::kill(writer, 0) == 0 || errno != ESRCH) continue;  // its writer may still rename it
+    const std::string path = directory + "/" + std::string(name);
+    if (::unlink(path.c_str()) == 0) {
+      ++removed;
+      Sys_log(5, "service: removed %s, left by a write that did not finish.", path.c_str());
     }
   }
-  ::close(fd);
-  if (status != ReadStatus::Ok) content.clear();
-  return status;
+  ::closedir(listing);
+  return removed;
 }
 
 }  // namespace halvorda::service

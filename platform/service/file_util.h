@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/fs.h"
+
 namespace halvorda::service {
 
 // Replaces the file whole: writes a temporary file beside it, flushes it,
@@ -15,13 +17,16 @@ namespace halvorda::service {
 // target untouched) on failure.
 bool WriteFileAtomically(const std::string& path, std::string_view content, mode_t mode = 0644);
 
-enum class ReadStatus { Ok, Missing, TooLarge, Failed };
-// Reads a whole regular file of at most maxBytes. Failed: the file could not
-// be opened or read (a symbolic link, not a regular file, EACCES, EMFILE,
-// EIO, ...); *error then holds the errno, which says nothing about the
-// content.
-ReadStatus ReadWholeFile(const std::string& path, size_t maxBytes, std::string& content, int* error = nullptr);
+// The platform's one bounded, non-blocking read of a regular file.
+using gps::platform::ReadStatus;
+using gps::platform::ReadWholeFile;
 
 std::string ParentDirectory(const std::string& path);
+
+// Removes the temporary files that WriteFileAtomically and the file system's
+// commits leave in a directory when their writer is killed mid-write
+// ("NAME.tmp-PID-N" of a PID that no longer runs). Files of a running writer
+// and every other name are left alone. Returns how many were removed.
+int RemoveStaleTemporaryFiles(const std::string& directory);
 
 }  // namespace halvorda::service

@@ -1,7 +1,6 @@
 #include "platform/service/manifest.h"
 
 #include <iniparser.h>
-#include <sys/stat.h>
 
 #include <memory>
 
@@ -11,10 +10,6 @@
 
 namespace halvorda::service {
 namespace {
-
-struct DictionaryCloser {
-  void operator()(dictionary* d) const { iniparser_freedict(d); }
-};
 
 std::string ClassFromFileName(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -35,20 +30,26 @@ std::string ManifestPath(const std::string& uri) {
 
 os::Error LoadManifest(const std::string& uri, Manifest& manifest) {
   const std::string path = ManifestPath(uri);
-  struct stat st{};
-  if (::stat(path.c_str(), &st) != 0) {
+  std::string text;
+  std::string problem;
+  const ReadStatus status = ReadWholeFile(path, gps::platform::kMaxTextFileBytes, text, nullptr, &problem);
+  if (status == ReadStatus::Missing) {
     manifest.serviceClass = ClassFromFileName(path);
     manifest.address = "run/" + manifest.serviceClass + ".sock";
     if (manifest.serviceClass.empty()) return ERROR_INVALID;
     Sys_log(4, "service: no manifest at %s; writing one for class %s at %s.", path.c_str(),
             manifest.serviceClass.c_str(), manifest.address.c_str());
-    const std::string text = "; Service manifest, written with defaults on first start.\n[service]\nclass = " +
-                             manifest.serviceClass + "\naddress = " + manifest.address + "\n";
-    if (!gps::platform::MakeDirectories(ParentDirectory(path)) || !WriteFileAtomically(path, text))
+    const std::string defaults = "; Service manifest, written with defaults on first start.\n[service]\nclass = " +
+                                 manifest.serviceClass + "\naddress = " + manifest.address + "\n";
+    if (!gps::platform::MakeDirectories(ParentDirectory(path)) || !WriteFileAtomically(path, defaults))
       Sys_log(3, "service: cannot write the manifest %s; using its defaults.", path.c_str());
     return os::ERROR_NONE;
   }
-  const std::unique_ptr<dictionary, DictionaryCloser> ini(iniparser_load(path.c_str()));
+  if (status != ReadStatus::Ok) {
+    Sys_log(3, "service: the manifest %s.", problem.c_str());
+    return ERROR_INVALID;
+  }
+  const gps::platform::IniDictionary ini = gps::platform::ParseIni(text);
   if (!ini) {
     Sys_log(3, "service: cannot read the manifest %s.", path.c_str());
     return ERROR_INVALID;

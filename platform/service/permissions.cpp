@@ -11,6 +11,7 @@
 
 #include "platform/os.h"
 #include "platform/root.h"
+#include "platform/service/file_util.h"
 
 namespace halvorda::service {
 namespace {
@@ -58,10 +59,6 @@ bool GroupId(const std::string& name, gid_t& out) {
   out = found->gr_gid;
   return true;
 }
-
-struct DictionaryCloser {
-  void operator()(dictionary* d) const { iniparser_freedict(d); }
-};
 
 // Calls visit(name, roles) for every key of a section.
 template <typename Visit>
@@ -123,15 +120,23 @@ void PermissionTable::refresh() {
     size_ = -1;
     return;
   }
-  if (present_ && st.st_mtim.tv_sec == mtime_.tv_sec && st.st_mtim.tv_nsec == mtime_.tv_nsec && st.st_size == size_)
+  if (size_ >= 0 && st.st_mtim.tv_sec == mtime_.tv_sec && st.st_mtim.tv_nsec == mtime_.tv_nsec && st.st_size == size_)
     return;
   mtime_ = st.st_mtim;
   size_ = st.st_size;
+  std::string text;
+  std::string problem;
+  if (ReadWholeFile(path_, gps::platform::kMaxTextFileBytes, text, nullptr, &problem) != ReadStatus::Ok) {
+    // A FIFO, a device, a huge file or one removed meanwhile: the roles in use
+    // stay until the file changes again.
+    Sys_log(3, "permissions: %s; the roles in use are kept.", problem.empty() ? path_.c_str() : problem.c_str());
+    return;
+  }
   users_.clear();
   groups_.clear();
   defaultRoles_ = 0;
   present_ = true;
-  const std::unique_ptr<dictionary, DictionaryCloser> ini(iniparser_load(path_.c_str()));
+  const gps::platform::IniDictionary ini = gps::platform::ParseIni(text);
   if (!ini) {
     // An unreadable table grants nothing beyond root and the service itself.
     Sys_log(3, "permissions: cannot read %s; only root and the service's own user are admitted.", path_.c_str());

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "platform/root.h"
+#include "tests/support/child_process.h"
 #include "tests/support/pty_receiver.h"
 
 namespace gps::test {
@@ -17,9 +18,11 @@ namespace gps::test {
 void InEngineProcess(const std::function<void()>& body, std::chrono::seconds limit) {
   std::fflush(stdout);
   std::fflush(stderr);
+  const pid_t parent = getpid();
   const pid_t child = fork();
   ASSERT_GE(child, 0) << "fork failed";
   if (child == 0) {
+    BindChildToParent(parent);
     alarm(static_cast<unsigned>(limit.count()));  // a hung engine fails the test instead of the run
     body();
     std::fflush(stdout);

@@ -413,6 +413,110 @@ TEST_F(GpsService, StartFailuresExitWithTheirStatusAndNameTheCause) {
   EXPECT_TRUE(std::filesystem::is_symlink(config)) << "left as it was";
 }
 
+// A FIFO (an ordinary open waits for a writer) or /dev/zero (a read never
+// ends) in place of each file the service reads. Read at start-up, it stops
+// the start at once with a line naming it; read while the service runs, it is
+// refused and the service keeps answering at once.
+TEST_F(GpsService, SpecialFilesInPlaceOfItsFilesNeitherBlockNorSpin) {
+  enum class When { AtStart, BeforeStart, WhileRunning };
+  struct Case {
+    std::string file;
+    When when;
+    std::string prepare;  // lines of the optional parameters, when any
+    bool refusalLogged;
+  };
+  const std::string ini = "platform.ini";
+  const std::string config = "config/local.device.gps.conf";
+  const std::vector<Case> cases = {
+      {ini, When::AtStart, "", true},
+      {"etc/permissions.ini", When::AtStart, "", true},
+      {config, When::AtStart, "", true},
+      {"param/DATAAEC8999.TAR/manifest/local.device.gps.MNF", When::AtStart, "", true},
+      {"fs/GPS/gps_param.cfg", When::AtStart, "", true},
+      {"home/LEGACY_FS/HOST/GPS_optional_parameters.ini", When::AtStart, "", true},
+      {ini, When::WhileRunning, "", true},     // read again on SIGHUP
+      {config, When::WhileRunning, "", true},  // read again when it changes
+      {"fs/HOST/current_14d.alp", When::BeforeStart, "[Assistance]\nassistnow = ANOF\n", true},
+      {"run/directory/local.device.gps", When::BeforeStart, "", false},
+  };
+  const std::pair<const char*, const char*> kinds[] = {{"fifo", "is a FIFO, not a regular file"},
+                                                       {"/dev/zero", "is a character device, not a regular file"}};
+  for (const auto& [kind, refusal] : kinds) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(c.file + " as " + kind);
+      Kill();
+      std::filesystem::remove_all(root_.path());
+      std::filesystem::create_directories(root_ / "config");
+      std::ofstream(root_ / ini) << "[gps]\ndevice = sim\n[sim]\nttff_ms = 300\n[log]\ntarget = stderr\n";
+      std::ofstream(root_ / config) << "poweron: true\n";
+      if (!c.prepare.empty()) gps::test::WriteOptionalParameters(root_, c.prepare);
+      // Made beside the file and renamed over it: the change is one event.
+      const std::string path = root_ / c.file;
+      const auto replace = [&] {
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        const std::string made = root_ / "special";
+        ASSERT_EQ(std::string(kind) == "fifo" ? mkfifo(made.c_str(), 0644) : symlink(kind, made.c_str()), 0);
+        ASSERT_EQ(rename(made.c_str(), path.c_str()), 0);
+      };
+      const auto refused = [&] { return Log().find(path + " " + refusal) != std::string::npos; };
+      if (c.when == When::AtStart) {
+        replace();
+        const auto started = std::chrono::steady_clock::now();
+        service_ = std::make_unique<ChildProcess>(std::vector<std::string>{GPS_SERVICE_BINARY}, root_ / "service.log");
+        EXPECT_EQ(service_->ExitStatus(), 78);
+        EXPECT_LT(std::chrono::steady_clock::now() - started, 1s);
+        EXPECT_TRUE(refused()) << Log();
+        continue;
+      }
+      if (c.when == When::BeforeStart) replace();
+      Start();
+      if (!client_) continue;  // failed above; the other cases still run
+      if (c.when == When::WhileRunning) {
+        replace();
+        if (c.file == ini) service_->Signal(SIGHUP);
+      }
+      if (c.refusalLogged) {
+        EXPECT_TRUE(WaitFor(refused, 5s)) << Log();
+      }
+      msg::SetGetStateResponse response;
+      for (int request = 0; request < 5; ++request) {
+        const auto asked = std::chrono::steady_clock::now();
+        EXPECT_EQ(Ask(response), 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - asked, 100ms);
+      }
+      EXPECT_TRUE(response.parameters().poweron()) << "the values in use are kept";
+    }
+  }
+}
+
+// What a start leaves: temporary files of writes cut short by a kill are
+// removed (only those of writers that are gone), and a start that fails after
+// registering takes its directory entry with it.
+TEST_F(GpsService, AStartRemovesStaleTemporariesAndAFailedStartItsEntry) {
+  const pid_t gone = fork();
+  if (gone == 0) _exit(0);
+  waitpid(gone, nullptr, 0);
+  const std::string stale = ".tmp-" + std::to_string(gone) + "-3";
+  const std::vector<std::string> removed = {"config/local.device.gps.conf" + stale, "run/directory/local.device.gps" + stale,
+                                            "run/gps-service.lock" + stale, "fs/GPS/gps_param.cfg" + stale};
+  const std::vector<std::string> kept = {"config/local.device.gps.conf.tmp-" + std::to_string(getpid()) + "-0",
+                                         "config/notes.tmp-old", "config/a.tmp-" + std::to_string(gone) + "-1-2",
+                                         "config/" + stale};
+  for (const std::string& file : removed) {
+    std::filesystem::create_directories(std::filesystem::path(root_ / file).parent_path());
+    std::ofstream(root_ / file) << "cut short";
+  }
+  for (const std::string& file : kept) std::ofstream(root_ / file) << "not ours to remove";
+  // No systemd to hear READY=1: the start fails once the entry is written.
+  ScopedEnvironment systemd({{"NOTIFY_SOCKET", root_ / "no-systemd.sock"}});
+  ChildProcess service({GPS_SERVICE_BINARY}, root_ / "service.log");
+  EXPECT_EQ(service.ExitStatus(), 73);
+  EXPECT_NE(Log().find("cannot announce local.device.gps as ready"), std::string::npos) << Log();
+  EXPECT_FALSE(std::filesystem::exists(root_ / "run/directory/local.device.gps"));
+  for (const std::string& file : removed) EXPECT_FALSE(std::filesystem::exists(root_ / file)) << file;
+  for (const std::string& file : kept) EXPECT_TRUE(std::filesystem::exists(root_ / file)) << file;
+}
+
 // The stored configuration unreadable to the daemon (root's file of mode
 // 0600 with the daemon under another user, as after an upgrade that moves it
 // off root) or no descriptor left to read it with: the file stays byte for

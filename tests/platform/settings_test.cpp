@@ -75,7 +75,7 @@ TEST(Settings, AnUnreadableOrOverlongFileIsUnusableAndAMissingOneGivesDefaults) 
   gps::test::TempRoot root;
   EXPECT_EQ(gps::platform::ReadSettings().unusable, "") << "no platform.ini: the defaults";
   std::filesystem::create_directory(root / "platform.ini");
-  EXPECT_NE(gps::platform::ReadSettings().unusable.find("platform.ini cannot be read: Is a directory"),
+  EXPECT_NE(gps::platform::ReadSettings().unusable.find("platform.ini is a directory, not a regular file"),
             std::string::npos);
   std::filesystem::remove(root / "platform.ini");
   std::ofstream(root / "platform.ini") << "[gps]\ndevice = " << std::string(1100, 'x') << "\n";

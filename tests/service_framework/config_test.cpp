@@ -20,6 +20,7 @@ namespace {
 using device::gps::Parameters;
 
 std::string ReadFile(const std::string& path) {
+  if (!std::filesystem::is_regular_file(path)) return {};  // a FIFO would wait for a writer
   std::ifstream in(path);
   std::stringstream text;
   text << in.rdbuf();
@@ -113,8 +114,8 @@ TEST_F(ConfigTest, CorruptFileIsKeptAsideAndReplacedByTheDefaults) {
 TEST_F(ConfigTest, AFileThatCannotBeReadIsLeftAsItIs) {
   ASSERT_TRUE(gps::platform::MakeDirectories(running.root / "config"));
   const std::string good = "poweron: true\nkeepon: true\n";
-  const std::string elsewhere = running.root / "elsewhere.conf";
-  WriteInPlace(elsewhere, good);
+  const std::string fifo = running.root / "elsewhere.fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
   // The lowest free descriptor number as limit: no open() can succeed.
   const auto withoutDescriptors = [](const std::function<void()>& call) {
     rlimit saved{};
@@ -135,9 +136,10 @@ TEST_F(ConfigTest, AFileThatCannotBeReadIsLeftAsItIs) {
   };
   const Case cases[] = {
       {"descriptor limit reached", [&](const std::string& path) { WriteInPlace(path, good); }, true, EMFILE},
-      {"a link", [&](const std::string& path) { ASSERT_EQ(::symlink(elsewhere.c_str(), path.c_str()), 0); }, false, ELOOP},
+      {"a link to a FIFO", [&](const std::string& path) { ASSERT_EQ(::symlink(fifo.c_str(), path.c_str()), 0); }, false,
+       EINVAL},
       {"a dangling link", [](const std::string& path) { ASSERT_EQ(::symlink("/nonexistent", path.c_str()), 0); }, false,
-       ELOOP},
+       ENOENT},
       {"a directory", [](const std::string& path) { ASSERT_EQ(::mkdir(path.c_str(), 0755), 0); }, false, EISDIR},
   };
   for (const Case& c : cases) {
@@ -164,7 +166,6 @@ TEST_F(ConfigTest, AFileThatCannotBeReadIsLeftAsItIs) {
     EXPECT_NE(log.linesAt(3)[0].find(configPath()), std::string::npos) << log.linesAt(3)[0];
     running.service.detachConfig();
   }
-  EXPECT_EQ(ReadFile(elsewhere), good);
 
   // Taken over a readable file, then made unreadable from outside: no
   // event, and what was accepted stays.

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "tests/service_framework/service_fixture.h"
+#include "tests/support/child_process.h"
 
 namespace halvorda::service::test {
 namespace {
@@ -123,11 +124,8 @@ TEST(ServiceTest, SignalsReadinessToSystemd) {
 // or whose pid now belongs to another process, is replaced.
 TEST(ServiceTest, DirectoryKeepsTheEntryOfARunningProcess) {
   gps::test::TempRoot root;
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::pause();
-    ::_exit(0);
-  }
+  gps::test::ChildProcess sleeper({"/bin/sleep", "600"});
+  const pid_t child = sleeper.pid();
   const std::string entryPath = root / "run/directory/local.device.gps";
   const auto writeEntry = [&](uint64_t started) {
     std::filesystem::create_directories(root / "run/directory");
@@ -151,8 +149,8 @@ TEST(ServiceTest, DirectoryKeepsTheEntryOfARunningProcess) {
   EXPECT_EQ(directory.add("local.device.gps", "run/local.device.gps.sock"), 0);
 
   writeEntry(ProcessStartTime(child));
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
+  sleeper.Signal(SIGKILL);
+  sleeper.ExitStatus();
   EXPECT_EQ(directory.add("local.device.gps", "run/local.device.gps.sock", {{"receiver", "simulated"}}), 0);
   const auto entry = Directory::Lookup("local.device.gps");
   ASSERT_TRUE(entry);
@@ -549,6 +547,9 @@ TEST_F(OtherUserTest, OneUserCannotLockOthersOut) {
   EXPECT_TRUE(WaitFor([&] { return running.service.connectionCount() == 144; }));
 }
 
+constexpr const char* kFifo = "(a FIFO)";
+constexpr const char* kDevZero = "(/dev/zero)";
+
 TEST_F(OtherUserTest, RolesComeFromPeerCredentialsAndThePermissionsFile) {
   RunningService running;
   // The temporary root is private to its creator; the other user must reach
@@ -559,7 +560,7 @@ TEST_F(OtherUserTest, RolesComeFromPeerCredentialsAndThePermissionsFile) {
 
   struct Case {
     const char* legend;
-    const char* permissionsIni;  // null: no file
+    const char* permissionsIni;  // null: no file; kFifo or kDevZero: that special file in its place
     std::vector<gid_t> supplementaryGroups;
     os::Error stateResult;       // SetGetStateRequest: any role
     os::Error notifyResult;      // NotifyRequest: platform roles only
@@ -577,11 +578,17 @@ TEST_F(OtherUserTest, RolesComeFromPeerCredentialsAndThePermissionsFile) {
       {"supplementary group not held", "[groups]\n4242 = web-platform\n", {4241}, ERROR_PERMISSION_DENIED,
        ERROR_PERMISSION_DENIED},
       {"default roles", "[default]\nroles = android\n", {}, 0, ERROR_PERMISSION_DENIED},
+      // Neither blocks nor spins the service thread: the roles in use stay.
+      {"a FIFO in its place", kFifo, {}, 0, ERROR_PERMISSION_DENIED},
+      {"/dev/zero in its place", kDevZero, {}, 0, ERROR_PERMISSION_DENIED},
   };
   const std::string ini = running.root / "etc/permissions.ini";
   ASSERT_TRUE(gps::platform::MakeDirectories(running.root / "etc"));
   for (const Case& c : cases) {
-    if (c.permissionsIni) {
+    if (c.permissionsIni == kFifo || c.permissionsIni == kDevZero) {
+      ::unlink(ini.c_str());
+      ASSERT_EQ(c.permissionsIni == kFifo ? ::mkfifo(ini.c_str(), 0644) : ::symlink("/dev/zero", ini.c_str()), 0);
+    } else if (c.permissionsIni) {
       std::ofstream(ini) << c.permissionsIni;
       // A new modification time for every case, whatever the clock's grain.
       const timespec times[2] = {{0, UTIME_NOW}, {static_cast<time_t>(&c - cases + 1), 0}};

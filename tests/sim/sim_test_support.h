@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "sim/receiver.h"
+#include "tests/support/child_process.h"
 
 namespace gps::sim::testing {
 
@@ -144,41 +144,8 @@ inline std::string ReadFor(int fd, std::chrono::milliseconds timeout,
   return got;
 }
 
-// A tool started as a child process, killed and reaped however the test ends.
-class ChildProcess {
- public:
-  // The tool's error output goes to `stderrPath` when one is given.
-  explicit ChildProcess(std::vector<std::string> argv, const std::string& stderrPath = "") {
-    std::vector<char*> args;
-    for (std::string& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (!stderrPath.empty())
-      posix_spawn_file_actions_addopen(&actions, 2, stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-  }
-  ~ChildProcess() {
-    if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
-  }
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-
-  pid_t pid() const { return pid_; }
-  bool Signal(int signal) const { return pid_ > 0 && kill(pid_, signal) == 0; }
-  // The exit code; -1 when the tool has not exited normally within 3 s.
-  int ExitStatus() {
-    using namespace std::chrono_literals;
-    int status = 0;
-    for (const auto end = std::chrono::steady_clock::now() + 3s; pid_ > 0 && std::chrono::steady_clock::now() < end;
-         std::this_thread::sleep_for(20ms))
-      if (waitpid(pid_, &status, WNOHANG) == pid_) return pid_ = -1, WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
+// The simulator tools run as child processes, killed with their process group
+// however the test ends.
+using gps::test::ChildProcess;
 
 }  // namespace gps::sim::testing
