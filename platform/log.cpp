@@ -63,20 +63,31 @@ void WriteTarget(int target, int level, const char* text) {
   syslog(level, "%s", text);
 }
 
-// A line identical to the one before it (text and level) is written at most
-// once a second; the others are counted, and the count goes out at their
-// level just before the next line written, so a client that floods the
-// service with requests cannot flood the log with the same line.
+// Repeats are folded so that a client flooding the service with requests
+// cannot flood the log. A line that repeats the one before it, or a cycle of
+// up to four lines that repeats (each request writes the same two or three
+// lines), is held back for up to a second after it first repeats; then the
+// count goes out at the most urgent level of the held lines, before the next
+// line written: "last message repeated N times" for one line, "last K
+// messages repeated N times" for a cycle of K. Held lines that do not make a
+// whole cycle are written as they were.
 constexpr int64_t kRepeatWindowNs = 1'000'000'000;
+constexpr int kLongestCycle = 4;
 
-struct RepeatedLine {
-  std::mutex mutex;
+struct LoggedLine {
   int level = -1;
   char text[1024] = {};
-  int64_t writtenNs = 0;
-  unsigned count = 0;
+  int64_t atNs = 0;
 };
-RepeatedLine g_repeated;
+
+struct Folding {
+  std::mutex mutex;
+  LoggedLine recent[kLongestCycle];  // the last lines logged, newest first
+  int period = 0;                    // length of the cycle being held back; 0: none
+  unsigned held = 0;                 // lines held back since `sinceNs`
+  int64_t sinceNs = 0;
+};
+Folding g_folding;
 
 int64_t MonotonicNs() {
   timespec ts{};
@@ -84,26 +95,57 @@ int64_t MonotonicNs() {
   return static_cast<int64_t>(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
 }
 
-void WriteFolded(int target, int level, const char* text) {
-  std::lock_guard lock(g_repeated.mutex);
-  const int64_t now = MonotonicNs();
-  const bool same = level == g_repeated.level && std::strcmp(text, g_repeated.text) == 0;
-  if (same && now - g_repeated.writtenNs < kRepeatWindowNs) {
-    ++g_repeated.count;
-    return;
-  }
-  if (g_repeated.count > 0) {
+void Remember(int level, const char* text, int64_t now) {
+  std::rotate(std::begin(g_folding.recent), std::end(g_folding.recent) - 1, std::end(g_folding.recent));
+  LoggedLine& line = g_folding.recent[0];
+  line.level = level;
+  std::snprintf(line.text, sizeof line.text, "%s", text);
+  line.atNs = now;
+}
+
+void WriteHeldBack(int target) {
+  const int period = g_folding.period;
+  const unsigned cycles = g_folding.held / period;
+  const unsigned rest = g_folding.held % period;
+  if (cycles > 0) {
+    int level = g_folding.recent[0].level;
+    for (int i = 1; i < period; ++i) level = std::min(level, g_folding.recent[i].level);
     char notice[64];
-    std::snprintf(notice, sizeof notice, "last message repeated %u times", g_repeated.count);
-    WriteTarget(target, g_repeated.level, notice);
-    g_repeated.count = 0;
+    if (period == 1)
+      std::snprintf(notice, sizeof notice, "last message repeated %u times", cycles);
+    else
+      std::snprintf(notice, sizeof notice, "last %d messages repeated %u times", period, cycles);
+    WriteTarget(target, level, notice);
   }
-  if (!same) {
-    g_repeated.level = level;
-    std::snprintf(g_repeated.text, sizeof g_repeated.text, "%s", text);
+  for (unsigned i = rest; i > 0; --i) WriteTarget(target, g_folding.recent[i - 1].level, g_folding.recent[i - 1].text);
+  g_folding.period = 0;
+  g_folding.held = 0;
+}
+
+void WriteFolded(int target, int level, const char* text) {
+  std::lock_guard lock(g_folding.mutex);
+  const int64_t now = MonotonicNs();
+  const auto repeats = [&](const LoggedLine& line) {
+    return line.level == level && std::strcmp(line.text, text) == 0;
+  };
+  if (g_folding.period > 0) {
+    if (repeats(g_folding.recent[g_folding.period - 1]) && now - g_folding.sinceNs < kRepeatWindowNs) {
+      ++g_folding.held;
+      return Remember(level, text, now);
+    }
+    WriteHeldBack(target);
+  } else {
+    for (int k = 1; k <= kLongestCycle; ++k) {
+      if (repeats(g_folding.recent[k - 1]) && now - g_folding.recent[k - 1].atNs < kRepeatWindowNs) {
+        g_folding.period = k;
+        g_folding.held = 1;
+        g_folding.sinceNs = now;
+        return Remember(level, text, now);
+      }
+    }
   }
-  g_repeated.writtenNs = now;
   WriteTarget(target, level, text);
+  Remember(level, text, now);
 }
 
 }  // namespace

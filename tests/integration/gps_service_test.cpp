@@ -335,25 +335,39 @@ TEST_F(GpsService, SighupAppliesTheLogThresholdAndOrdinarySignalsAreIgnored) {
       << Log();
   for (const int signal : {SIGUSR1, SIGUSR2, SIGALRM, SIGPIPE}) ASSERT_TRUE(service_->Signal(signal));
   msg::SetGetStateResponse response;
-  // A client asking as fast as it can: its identical line is written once a
-  // second, the count of the others before the next line written.
-  size_t asked = 0;
-  for (const auto until = std::chrono::steady_clock::now() + 1200ms; std::chrono::steady_clock::now() < until; ++asked)
-    ASSERT_EQ(Ask(response), 0);
+  // A client asking as fast as it can: the repeats of its line (receiver off)
+  // or of its two-line cycle (receiver on) are written once a second, the
+  // count of the others before the next line written.
+  const auto flood = [&] {
+    size_t asked = 0;
+    for (const auto until = std::chrono::steady_clock::now() + 1200ms; std::chrono::steady_clock::now() < until; ++asked)
+      Ask(response);
+    return asked;
+  };
+  const auto folded = [&](const std::string& cycle, const std::string& notice, size_t from) {
+    const std::string text = Log().substr(from);
+    size_t written = 0;
+    size_t counted = 0;
+    for (size_t at = text.find(cycle); at != std::string::npos; at = text.find(cycle, at + 1)) {
+      ++written;
+      if (text.compare(at + cycle.size(), notice.size(), notice) == 0)
+        counted += std::stoul(text.substr(at + cycle.size() + notice.size()));
+    }
+    return std::pair{written, counted};
+  };
+  const size_t askedOff = flood();
   ASSERT_EQ(Ask(response, true), 0);
-  const std::string flood = Log();
-  const std::string begin = "\n<3>GPSCore: setState BEGIN\n";
-  const std::string repeated = "<3>last message repeated ";
-  size_t written = 0;
-  size_t counted = 0;
-  for (size_t at = flood.find(begin); at != std::string::npos; at = flood.find(begin, at + 1)) {
-    ++written;
-    if (flood.compare(at + begin.size(), repeated.size(), repeated) == 0)
-      counted += std::stoul(flood.substr(at + begin.size() + repeated.size()));
-  }
-  EXPECT_EQ(written, 2u) << flood;
-  EXPECT_EQ(written + counted, asked + 1) << flood;
-  EXPECT_NE(flood.find(" times\n<3>GPSCore: updateParameters\n"), std::string::npos) << flood;
+  const auto [written, counted] = folded("\n<3>GPSCore: setState BEGIN\n", "<3>last message repeated ", 0);
+  EXPECT_EQ(written, 2u) << Log();
+  EXPECT_EQ(written + counted, askedOff + 1) << Log();
+  EXPECT_NE(Log().find(" times\n<3>GPSCore: updateParameters\n"), std::string::npos) << Log();
+  const size_t onFrom = Log().size();
+  const size_t askedOn = flood();
+  ASSERT_EQ(Ask(response, {}, true), 0);
+  const auto [cycles, cyclesCounted] =
+      folded("\n<3>GPSCore: setState BEGIN\n<3>GPSCore: m_iParams->poweron\n", "<3>last 2 messages repeated ", onFrom - 1);
+  EXPECT_LE(cycles, 3u) << Log().substr(onFrom);
+  EXPECT_GT(cyclesCounted, askedOn / 2) << Log().substr(onFrom);
   EXPECT_EQ(Log().find("setPower(1) OK"), std::string::npos) << "level 7 is above threshold 4";
 
   // The device changed: the receiver is reopened on it (here one that is absent).
