@@ -167,8 +167,10 @@ TEST(SimReceiver, AcknowledgesWellFormedCfgAndRefusesTheRest) {
 
 TEST(SimReceiver, PowerSaveModeTakesTheStoredPeriod) {
   Receiver r = MakeTestReceiver();
-  Bytes pm2(44, 0);  // version 1, cyclic tracking, updatePeriod 5000 ms
-  pm2[0] = 1, pm2[5] = 0x10, pm2[6] = 0x03, pm2[8] = 0x88, pm2[9] = 0x13, pm2[12] = 0x10, pm2[13] = 0x27;
+  Bytes pm2(44, 0);  // version 1, updateRTC and updateEPH, updatePeriod 1000 ms, searchPeriod 10 s
+  pm2[0] = 1, pm2[5] = 0x90, pm2[6] = 0x02, pm2[8] = 0xE8, pm2[9] = 0x03, pm2[12] = 0x10, pm2[13] = 0x27;
+  EXPECT_EQ(Send(r, Frame(0x06, 0x3B, {})).Last(0x06, 0x3B), pm2) << "the configuration at boot";
+  pm2[5] = 0x10, pm2[6] = 0x03, pm2[8] = 0x88, pm2[9] = 0x13;  // cyclic tracking, updatePeriod 5000 ms
   Send(r, Frame(0x06, 0x3B, pm2));
   EXPECT_EQ(r.fixPeriodMs(), 1000u) << "CFG-PM2 alone only stores the period";
   Send(r, Frame(0x06, 0x11, {0x08, 0x01}));
