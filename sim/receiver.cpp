@@ -584,7 +584,7 @@ void Receiver::SendAlpWriteBack() {
   PutU16(p, 8, static_cast<uint16_t>(bytes));
   // The receiver returns the block as it keeps it: the bytes it was served.
   for (size_t i = 0; i < bytes && ofs * 2u + i < alpReceived_.size(); ++i)
-    p[kAlpHeaderBytes + i] = alpReceived_[ofs * 2u + i];
+    p.at(kAlpHeaderBytes + i) = alpReceived_[ofs * 2u + i];
   SendUbx(ubx::cls::kAid, kIdAidAlpsrv, p);
   ++alp_.writeBacksSent;
 }

@@ -67,7 +67,6 @@ int lib_GPS_ubx_ReadDataFromDevice(gps_private_info_t* /*infos*/, uint8_t* buffe
   }
   uint32_t n = block.length < size ? block.length : size;
   if (n > sizeof block.data) n = sizeof block.data;  // a driver must never report more than it holds
-  std::memset(buffer, 0, size);
   std::memcpy(buffer, block.data, n);
   return static_cast<int>(n);
 }

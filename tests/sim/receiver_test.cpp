@@ -8,6 +8,7 @@
 
 #include <array>
 #include <functional>
+#include <set>
 
 #include "tests/sim/sim_test_support.h"
 
@@ -41,6 +42,8 @@ TEST(SimReceiver, NoFixBeforeTtffThenFix) {
   Receiver r = MakeTestReceiver();
   const Output before = RunUntil(r, 2999);
   EXPECT_EQ(Column(before.Sentences("GGA"), 6) + Column(before.Sentences("RMC"), 2), "00VV") << "epochs at 1 and 2 s";
+  // Satellites in view, GPS then GLONASS: a third, then two thirds of the sky found.
+  EXPECT_EQ(Column(before.Sentences("GSV"), 3), "040208080505") << "one GSV sentence per four";
 
   const Output after = RunUntil(r, 3000);
   EXPECT_TRUE(after.wellFormed);
@@ -72,6 +75,7 @@ TEST(SimReceiver, CfgMsgSwitchesUbxOutputOnAndNmeaOff) {
   EXPECT_EQ(U32(noFix, 24) | U32(noFix, 28), 0u) << "no position before the first fix";
   // 2024-03-18 is a Monday: 12:00:04 UTC is 18 leap seconds later in GPS time.
   EXPECT_EQ(U32(fix, 0), (86400u + 12 * 3600 + 4 + 18) * 1000);
+  for (uint8_t id : {0x03, 0x06, 0x30}) EXPECT_EQ(U32(out.Last(0x01, id), 0), U32(fix, 0)) << "iTOW of NAV " << +id;
   EXPECT_EQ(Bytes(fix.begin() + 4, fix.begin() + 11), (Bytes{0xE8, 0x07, 3, 18, 12, 0, 4})) << "2024-03-18 12:00:04";
   EXPECT_EQ(fix[20], 3);
   EXPECT_EQ(fix[21] & 0x01, 0x01) << "gnssFixOK";
@@ -81,8 +85,19 @@ TEST(SimReceiver, CfgMsgSwitchesUbxOutputOnAndNmeaOff) {
   // NAV-SOL: earth-centred position of 48.8566 N 2.3522 E, 82 m above the ellipsoid [cm].
   const std::vector<int32_t> ecef = I32s(out.Last(0x01, 0x06), 12, 3);
   for (size_t k = 0; k < 3; ++k) EXPECT_NEAR(ecef[k], (std::array{420096870, 17256200, 478014310})[k], 10) << k;
+  // NAV-SVINFO, 12 bytes a channel: the satellites flagged used, with quality 7,
+  // are those the epoch's two GSA sentences name, GPS and GLONASS.
   const Bytes svinfo = out.Last(0x01, 0x30);
-  EXPECT_EQ(svinfo.size(), 8u + 12u * svinfo.at(4)) << "NAV-SVINFO: 12 bytes a channel";
+  EXPECT_EQ(svinfo.size(), 8u + 12u * svinfo.at(4));
+  std::set<int> usedInSvinfo, usedInGsa;
+  for (size_t at = 8; at + 12 <= svinfo.size(); at += 12)
+    if ((svinfo[at + 2] & 1) && svinfo[at + 3] == 7) usedInSvinfo.insert(svinfo[at + 1]);
+  const std::vector<std::string> gsa = out.Sentences("GSA");
+  for (size_t k = gsa.size() - 2; k < gsa.size(); ++k)
+    for (size_t f = 3; f <= 14; ++f)
+      if (const std::string prn = Field(gsa[k], f); !prn.empty()) usedInGsa.insert(std::stoi(prn));
+  EXPECT_EQ(usedInSvinfo, usedInGsa);
+  EXPECT_TRUE(usedInGsa.count(11) && usedInGsa.count(67)) << "GPS 11 and GLONASS 67 are high in the sky";
   EXPECT_EQ(out.Last(0x0A, 0x09).size(), 60u) << "MON-HW";
 
   // The 3-byte form, as the engine stores it: GSV on again, NAV-PVT every second epoch.
@@ -152,28 +167,16 @@ TEST(SimReceiver, AcknowledgesWellFormedCfgAndRefusesTheRest) {
 
 TEST(SimReceiver, PowerSaveModeTakesTheStoredPeriod) {
   Receiver r = MakeTestReceiver();
-  Bytes pm2(44, 0);  // version 1, cyclic tracking, updatePeriod 5000 ms
-  pm2[0] = 1, pm2[5] = 0x10, pm2[6] = 0x03, pm2[8] = 0x88, pm2[9] = 0x13, pm2[12] = 0x10, pm2[13] = 0x27;
+  Bytes pm2(44, 0);  // version 1, updateRTC and updateEPH, updatePeriod 1000 ms, searchPeriod 10 s
+  pm2[0] = 1, pm2[5] = 0x90, pm2[6] = 0x02, pm2[8] = 0xE8, pm2[9] = 0x03, pm2[12] = 0x10, pm2[13] = 0x27;
+  EXPECT_EQ(Send(r, Frame(0x06, 0x3B, {})).Last(0x06, 0x3B), pm2) << "the configuration at boot";
+  pm2[5] = 0x10, pm2[6] = 0x03, pm2[8] = 0x88, pm2[9] = 0x13;  // cyclic tracking, updatePeriod 5000 ms
   Send(r, Frame(0x06, 0x3B, pm2));
   EXPECT_EQ(r.fixPeriodMs(), 1000u) << "CFG-PM2 alone only stores the period";
   Send(r, Frame(0x06, 0x11, {0x08, 0x01}));
   EXPECT_EQ(RunUntil(r, 20000).Sentences("GGA").size(), 4u) << "one epoch per 5 s";
   Send(r, Frame(0x06, 0x11, {0x08, 0x00}));
   EXPECT_EQ(r.fixPeriodMs(), 1000u) << "continuous mode again";
-}
-
-TEST(SimReceiver, ColdStartDropsTheFixAndTheMessageConfiguration) {
-  Receiver r = MakeTestReceiver();
-  Send(r, Frame(0x06, 0x01, {0x01, 0x07, 0, 0, 0, 1, 0, 0}));  // NAV-PVT on, USB
-  RunUntil(r, 5000);
-  ASSERT_TRUE(r.hasFix());
-  const Output reset = Send(r, Bytes{0xB5, 0x62, 0x06, 0x04, 0x04, 0x00, 0xFF, 0xFF, 0x02, 0x00, 0x0E, 0x61});
-  ASSERT_EQ(reset.ubx.size(), 1u);
-  EXPECT_EQ(reset.ubx[0].id, 0x01) << "ACK-ACK";
-  EXPECT_EQ(reset.nmea, std::vector<std::string>{"$GPTXT,01,01,02,Resetting GPS*68"});
-  const Output after = RunUntil(r, 9000);
-  EXPECT_EQ(Column(after.Sentences("GGA"), 6), "0011") << "fixed again one time to first fix after the reset";
-  EXPECT_TRUE(after.Frames(0x01, 0x07).empty()) << "UBX output back to its default: off";
 }
 
 // Backup ends only by a wake-up source of the port: UART RX activity on a
@@ -267,13 +270,23 @@ TEST(SimReceiver, PortProtocolMasksGateOutputAndInput) {
   EXPECT_TRUE(Send(r, kMonVerPoll).ubx.empty()) << "UBX input off: commands are not heard";
 }
 
-// GNSS stop and start keep the interface and the configuration; the resets
-// that reboot the receiver bring its defaults back.
+// The engine's cold start drops the fix and the message configuration; GNSS
+// stop and start keep the interface and the configuration; the resets that
+// reboot the receiver bring its defaults back.
 TEST(SimReceiver, ResetModesStopStartOrReboot) {
+  const Bytes pvtOnUsb = Frame(0x06, 0x01, {0x01, 0x07, 0, 0, 0, 1, 0, 0});
   Receiver r = MakeTestReceiver();
-  Send(r, Frame(0x06, 0x01, {0x01, 0x07, 0, 0, 0, 1, 0, 0}));
+  Send(r, pvtOnUsb);
   RunUntil(r, 5000);
   ASSERT_TRUE(r.hasFix());
+  const Output reset = Send(r, Bytes{0xB5, 0x62, 0x06, 0x04, 0x04, 0x00, 0xFF, 0xFF, 0x02, 0x00, 0x0E, 0x61});
+  EXPECT_EQ(reset.Frames(0x05, 0x01).size(), 1u);
+  EXPECT_EQ(reset.nmea, std::vector<std::string>{"$GPTXT,01,01,02,Resetting GPS*68"});
+  const Output after = RunUntil(r, 9000);
+  EXPECT_EQ(Column(after.Sentences("GGA"), 6), "0011") << "fixed again one time to first fix after the reset";
+  EXPECT_TRUE(after.Frames(0x01, 0x07).empty()) << "UBX output back to its default: off";
+
+  Send(r, pvtOnUsb);
   Send(r, Frame(0x06, 0x04, {0, 0, 0x08, 0}));
   const Output stopped = RunUntil(r, 10000);
   EXPECT_TRUE(stopped.nmea.empty() && stopped.ubx.empty()) << "no epochs with GNSS stopped";
@@ -284,7 +297,7 @@ TEST(SimReceiver, ResetModesStopStartOrReboot) {
   EXPECT_EQ(started.Frames(0x01, 0x07).size(), 4u) << "the configuration stays";
 
   for (const uint8_t mode : {0x00, 0x01, 0x04}) {
-    Send(r, Frame(0x06, 0x01, {0x01, 0x07, 0, 0, 0, 1, 0, 0}));
+    Send(r, pvtOnUsb);
     Send(r, Frame(0x06, 0x04, {0, 0, mode, 0}));
     EXPECT_TRUE(RunUntil(r, r.nowMs() + 3000).Frames(0x01, 0x07).empty()) << "reset mode " << int(mode);
   }
@@ -351,14 +364,21 @@ Receiver StartAssisted() {
 TEST(SimAssist, ServedRequestsShortenTheTimeToFirstFixUntilAColdStart) {
   Receiver r = StartAssisted();
   size_t requests = 0;
+  std::vector<UbxOut> writeBacks;
   for (uint64_t t = 1000; t <= 6000; t += 1000) {
     for (const UbxOut& f : RunUntil(r, t, 1000).Frames(0x0B, 0x32)) {
       ASSERT_EQ(f.payload.size(), 16u);
       EXPECT_EQ(U16(f.payload, 2), 42 + 64 * requests++) << "ofs in words, after the first block";
-      Send(r, Frame(0x0B, 0x32, AlpAnswer(f.payload)));
+      for (const UbxOut& w : Send(r, Frame(0x0B, 0x32, AlpAnswer(f.payload))).ubx) writeBacks.push_back(w);
     }
   }
   EXPECT_EQ(requests, 3u) << "one request per epoch";
+  // Once every request is served, one block goes back as the receiver keeps it:
+  // type 0xFF, 16 bytes at word 42, as they were served.
+  ASSERT_EQ(writeBacks.size(), 1u);
+  Bytes block = {0x10, 0xFF, 42, 0, 8, 0, 0xCA, 0xFE, 16, 0, 0, 0, 0, 0, 0, 0};
+  block.insert(block.end(), kAlpFile.begin() + 84, kAlpFile.begin() + 100);
+  EXPECT_EQ(writeBacks[0].payload, block);
   EXPECT_EQ(r.alp().answersCorrect, 3u);
   EXPECT_EQ(r.currentTtffMs(), 5000u);
   EXPECT_TRUE(r.hasFix()) << "fixed after a quarter of 20 s";

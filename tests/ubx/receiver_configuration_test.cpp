@@ -11,6 +11,7 @@
 #include <termios.h>
 #include <thread>
 
+#include "assist/assistnow.h"
 #include "engine/gps_private_info.h"
 #include "nmea/gps_framer.h"
 #include "param/gps_parameters.h"
@@ -45,6 +46,7 @@ class SimulatedSerialReceiver : public testing::Test {
   }
   void TearDown() override {
     lib_GPS_ubx_CloseResource(&gps_private_info);
+    lib_GPS_FreeAssistanceData(&gps_private_info);
     receiver_.reset();
   }
 

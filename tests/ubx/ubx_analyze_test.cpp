@@ -2,7 +2,11 @@
 // what the engine sends back because of it.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <functional>
+#include <future>
+#include <thread>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -11,6 +15,7 @@
 #include "param/gps_parameters.h"
 #include "tests/support/message_recorder.h"
 #include "tests/support/pty_receiver.h"
+#include "ubx/ubx_analyze.h"
 #include "ubx/ubx_codec.h"
 
 namespace {
@@ -215,6 +220,8 @@ TEST_F(AlpServeTest, RequestIsAnsweredFromTheLoadedData) {
   EXPECT_EQ(answer.substr(22, 128), std::string(reinterpret_cast<const char*>(data_.data()) + 32, 128));
   for (int b = 0; b < 16; ++b)
     EXPECT_EQ((gps_private_info.alp_served_blocks[b / 8] >> (b % 8)) & 1, b >= 2 && b <= 10 ? 1 : 0) << b;
+  gps::test::FeedReceiver(Request(0x07E0, 0x0020));
+  EXPECT_EQ(receiver_.DrainFrames().size(), 1u) << "the last 64 bytes of the data";
 }
 
 TEST_F(AlpServeTest, UnanswerableRequestsAndClientWrites) {
@@ -227,11 +234,53 @@ TEST_F(AlpServeTest, UnanswerableRequestsAndClientWrites) {
   cli[1] = '\xFF', cli[2] = 0x08, cli[4] = 0x08;  // 16 bytes at byte 16
   gps::test::FeedReceiver(UbxFrame(0x0B, 0x32, cli + std::string(16, 'x')));
   EXPECT_EQ(gps_private_info.alp_client_blocks[0], 0b110);
-  // From the last block of the bitmap to far beyond it: only the last is marked.
+  // From the last block of the bitmap to far beyond it: only the last is
+  // marked, and nothing after the bitmap.
+  const uint8_t* beyond = gps_private_info.alp_client_blocks + GPS_ALP_BITMAP_BYTES;
+  const std::vector<uint8_t> beyondBefore(beyond, beyond + 4);
   cli[2] = '\xF8', cli[3] = '\xFF', cli[4] = '\xFF', cli[5] = '\xFF';
   gps::test::FeedReceiver(UbxFrame(0x0B, 0x32, cli));
   EXPECT_EQ(MarkedBlocks(gps_private_info.alp_client_blocks), 3);
   EXPECT_EQ(gps_private_info.alp_client_blocks[GPS_ALP_BITMAP_BYTES - 1], 0x80);
+  EXPECT_EQ(std::vector<uint8_t>(beyond, beyond + 4), beyondBefore);
+}
+
+// While another thread holds the record's lock, an answer changes nothing.
+// The analyser is called past the framer, which takes the lock itself.
+TEST_F(AlpServeTest, AnswersWaitForTheRecordLock) {
+  const auto monHw = [] {
+    const std::string frame = UbxFrame(0x0A, 0x09, std::string(60, '\0'));
+    static gps_message_t m;
+    std::memcpy(m.buffer, frame.data(), frame.size());
+    m.type = MESSAGE_TYPE_UBLOX, m.length = static_cast<uint32_t>(frame.size());
+    m.ubx_class = 0x0A, m.ubx_id = 0x09, m.ubx_length = 60;
+    lib_GPS_ubx_AnalyzeMessage(&gps_private_info, &m, "RX");
+  };
+  const struct {
+    const char* legend;
+    std::function<void()> answer;
+    std::function<bool()> changed;
+  } cases[] = {
+      {"MON-HW", monHw, [] { return gps_private_info.mon_hw_tick != 0; }},
+      {"ALP request", [] { lib_GPS_ServeAlpRequest(&gps_private_info, 0x02, 0x0010, 0x0040, 7, 9); },
+       [this] { return MarkedBlocks(gps_private_info.alp_served_blocks) != 0; }},
+  };
+  for (const auto& c : cases) {
+    std::promise<void> held;
+    bool changedWhileHeld = true;
+    std::thread holder([&] {
+      lib_GPS_Lock();
+      held.set_value();
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      changedWhileHeld = c.changed();
+      lib_GPS_Unlock();
+    });
+    held.get_future().wait();
+    c.answer();
+    holder.join();
+    EXPECT_FALSE(changedWhileHeld) << c.legend;
+    EXPECT_TRUE(c.changed()) << c.legend;
+  }
 }
 
 }  // namespace
